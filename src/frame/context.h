@@ -1,0 +1,80 @@
+// Per-thread context record of the library.
+//
+// Every thread that calls the library gets one record, created on its first
+// call and released when the thread ends. Only the record itself is released
+// then: the tables, lists and servers whose pointers it holds belong to the
+// subsystems, and a thread must call their release functions (XKFreeCepsTbls,
+// XKFreeLPTbls, XKHMMFreeAll, ...) before it ends. Nothing here is locked: a
+// record is private to its thread.
+#pragma once
+
+#include "xkl/xk_error.h"
+
+namespace xk {
+
+struct XKContext {
+  // Status and error reporting.
+  int status;
+  int errMode;
+  XKErrorCallback handler;
+
+  // Pre-emphasis and LP-spectrum scratch tables.
+  struct {
+    void *preemphBuf;
+    int preemphLen;
+    void *lpSpecBuf[4];
+    int lpSpecLen;
+  } preemphLpSpec;
+
+  // Linear-prediction scratch tables.
+  struct {
+    void *buf[4];
+    int len;
+  } lpred;
+
+  // Cepstrum scratch tables and the current mel-scale setting.
+  struct {
+    void *buf[4];
+    int len;
+    float melScale[2];
+  } ceps;
+
+  // Head of the thread's list of HMM servers (and the class table).
+  struct {
+    void *serverList;
+    void *classList;
+  } hmm;
+
+  // Forward-evaluation scratch.
+  struct {
+    void *buf[4];
+  } hmmForward;
+
+  // Current semicontinuous codebooks, float and 16-bit flavours.
+  struct {
+    void *sCodebook;
+    void *wCodebook;
+  } semicont;
+
+  // Pattern stores: number of stored patterns and head of their list.
+  struct {
+    int count;
+    void *head;
+  } wPatterns, sPatterns;
+
+  // Gauss covariance-inversion and training scratch.
+  struct {
+    void *invScratch[2];
+    void *trainScratch[2];
+  } gauss;
+};
+
+// The calling thread's record, created on first use. Never null: if the
+// record cannot be allocated the process ends with a fatal-exit text.
+XKContext &context();
+
+// Ends the process at once with `text` on standard error, without running
+// exit handlers (the host's form of a fatal application exit).
+[[noreturn]] void fatalExit(const char *text);
+
+}  // namespace xk

@@ -1,0 +1,117 @@
+// Two-dimensional tables, the version record and the file helpers.
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "xkl_test_support.h"
+
+namespace {
+
+using xkltest::reports;
+
+class TablesTest : public xkltest::ReportingTest {};
+
+uintptr_t addr(const void *p) { return reinterpret_cast<uintptr_t>(p); }
+
+// Checks the layout of a table of `rows` x `cols` with rows `padded`
+// elements long, and writes every padded element (the sanitizer build
+// catches a row that runs past the block).
+template <class T>
+void checkLayout(T **table, int rows, int padded) {
+  ASSERT_NE(table, nullptr);
+  if (rows == 0) return;
+  const uintptr_t pointersEnd = addr(table + rows);
+  EXPECT_EQ(addr(table[0]) % 32, 0u);
+  EXPECT_GE(addr(table[0]), pointersEnd);
+  EXPECT_LT(addr(table[0]), pointersEnd + 32);
+  for (int i = 0; i < rows; ++i) {
+    EXPECT_EQ(addr(table[i]) - addr(table[0]), uintptr_t(i) * padded * sizeof(T)) << i;
+    for (int j = 0; j < padded; ++j) table[i][j] = static_cast<T>(i + j);
+  }
+}
+
+TEST_F(TablesTest, FloatRowsArePaddedToEightAndAligned) {
+  float **t = XKsAlloc2(3, 5);
+  checkLayout(t, 3, 8);
+  EXPECT_EQ(addr(t[1]) - addr(t[0]), 32u);
+  XKFree2(t);
+}
+
+TEST_F(TablesTest, ShortRowsArePaddedToSixteenAndAligned) {
+  short **t = XKwAlloc2(3, 17);
+  checkLayout(t, 3, 32);
+  EXPECT_EQ(addr(t[1]) - addr(t[0]), 64u);
+  XKFree2(t);
+}
+
+TEST_F(TablesTest, ManyShapesFitTheirBlock) {
+  for (int rows : {0, 1, 2, 3, 7, 31, 64, 129})
+    for (int cols : {0, 1, 7, 8, 9, 15, 16, 17, 33, 100}) {
+      float **f = XKsAlloc2(rows, cols);
+      checkLayout(f, rows, (cols + 7) / 8 * 8);
+      XKFree2(f);
+      short **w = XKwAlloc2(rows, cols);
+      checkLayout(w, rows, (cols + 15) / 16 * 16);
+      XKFree2(w);
+    }
+  EXPECT_TRUE(reports().empty());
+}
+
+TEST_F(TablesTest, FailureIsReportedAsNoMemory) {
+  const struct {
+    bool isFloat;
+    int rows, cols;
+  } cases[] = {{true, INT_MAX, INT_MAX}, {true, -1, 3}, {true, 2, -100},
+               {false, INT_MAX, INT_MAX}, {false, -7, 1}};
+  for (const auto &c : cases) {
+    reports().clear();
+    void *t = c.isFloat ? static_cast<void *>(XKsAlloc2(c.rows, c.cols))
+                        : static_cast<void *>(XKwAlloc2(c.rows, c.cols));
+    EXPECT_EQ(t, nullptr);
+    ASSERT_EQ(reports().size(), 1u);
+    const auto &r = reports()[0];
+    EXPECT_EQ(r.status, XK_StsNoMem);
+    EXPECT_EQ(r.func, c.isFloat ? "XKsAlloc2" : "XKwAlloc2");
+    EXPECT_EQ(r.context, "The table can not be allocated");
+    EXPECT_EQ(r.file, "XK_ALLOC");
+    EXPECT_EQ(r.line, c.isFloat ? 60 : 108);
+  }
+  EXPECT_EQ(XKGetStatus(), XK_StsNoMem);
+}
+
+TEST(Version, ConstantRecordAtOneAddress) {
+  const XKLibVersion *v = XKGetLibVersion();
+  ASSERT_NE(v, nullptr);
+  EXPECT_EQ(v, XKGetLibVersion());
+  EXPECT_EQ(v->major, 4);
+  EXPECT_EQ(v->minor, 0);
+  EXPECT_EQ(v->build, 18);
+  EXPECT_STREQ(v->name, "xklm5.dll");
+  EXPECT_STREQ(v->version, "Version 4.1 Beta Release");
+  EXPECT_STREQ(v->internalVersion, "[4.00.18, 01/21/99]");
+  EXPECT_STREQ(v->buildDate, "Jan 26 1999");
+  EXPECT_STREQ(v->kind, "DLL");
+}
+
+TEST(Files, OpenWriteReadClose) {
+  const std::string path = ::testing::TempDir() + "xkl_files_test.bin";
+  FILE *out = XKOpenFile(path.c_str(), "wb");
+  ASSERT_NE(out, nullptr);
+  const unsigned char bytes[4] = {0x48, 0x4d, 0x4d, 0x20};
+  ASSERT_EQ(std::fwrite(bytes, 1, 4, out), 4u);
+  EXPECT_EQ(XKCloseFile(out), 0);
+  FILE *in = XKOpenFile(path.c_str(), "rb");
+  ASSERT_NE(in, nullptr);
+  unsigned char back[8] = {};
+  EXPECT_EQ(std::fread(back, 1, 8, in), 4u);
+  EXPECT_EQ(std::memcmp(back, bytes, 4), 0);
+  EXPECT_EQ(XKCloseFile(in), 0);
+  std::remove(path.c_str());
+  EXPECT_EQ(XKOpenFile((path + ".missing/x").c_str(), "rb"), nullptr);
+  EXPECT_EQ(XKOpenFile(nullptr, "rb"), nullptr);
+  EXPECT_NE(XKCloseFile(nullptr), 0);
+}
+
+}  // namespace
