@@ -19,14 +19,20 @@ XKL_EXTERN_C_BEGIN
 /* Block down-conversions (one scale for the whole vector). A null
  * scaleFactor stands for a local scale of 0. In mode XK_AUTO_SCALE the
  * result is the chosen scale; in mode XK_NO_SCALE and the saturating modes 0.
- * The result is not defined in mode XK_FIXED_SCALE or when the data's order is
- * outside the representable range. */
+ * Callers must not rely on the result in mode XK_FIXED_SCALE or when the
+ * data's order is outside the accepted range (this implementation returns the
+ * scale left in *scaleFactor: the caller's scale, or 2147483647 above the
+ * range and 0 below it, with the destination zeroed). The double forms take
+ * the order from a checking routine that reports a null source or n < 1 in
+ * mode XK_AUTO_SCALE. Source and destination must not overlap. */
 XKL_API int XKswbConvertDown(const float *src, short *dst, int n, int scaleMode, int *scaleFactor);
 XKL_API int XKdwbConvertDown(const double *src, short *dst, int n, int scaleMode, int *scaleFactor);
 XKL_API int XKsibConvertDown(const float *src, int *dst, int n, int scaleMode, int *scaleFactor);
 XKL_API int XKdibConvertDown(const double *src, int *dst, int n, int scaleMode, int *scaleFactor);
 
-/* Scalar down-conversions; the result is the converted value. */
+/* Scalar down-conversions; the result is the converted value (the 16-bit
+ * forms return a value in the 16-bit range: out-of-range values give -32768
+ * in modes XK_NO_SCALE and XK_FIXED_SCALE). */
 XKL_API int XKswConvertDown(float value, int scaleMode, int *scaleFactor);
 XKL_API int XKdwConvertDown(double value, int scaleMode, int *scaleFactor);
 XKL_API int XKsiConvertDown(float value, int scaleMode, int *scaleFactor);
