@@ -15,7 +15,6 @@
 // The tables live in one process-wide list that is only ever prepended to
 // with a compare-and-swap, so concurrent first use is safe and lookups take
 // no lock; flag 8 releases them (not while another thread transforms).
-// kfxwDct computes in float through the same tables.
 #include <atomic>
 #include <cmath>
 #include <cstdint>
@@ -263,38 +262,8 @@ bool overlaps(const float *a, const float *b, int len) {
   return before(a, b + len) && before(b, a + len);
 }
 
-void reportNoMemory(int line, const char *func = "kfxsDct") {
-  report(KFX_StsNoMem, func, "\nNot enough memory\n", kModDct, line);
-}
-
-// Float to 16 bits as the 16-bit FFT forms do it: round half away from zero,
-// saturate, NaN to 0.
-short roundSaturate(double v) {
-  if (std::isnan(v)) return 0;
-  const double r = std::copysign(std::floor(std::fabs(v) + 0.5), v);
-  return static_cast<short>(r < -32768.0 ? -32768.0 : (r > 32767.0 ? 32767.0 : r));
-}
-
-// Right shift applied to a float result: KFX_FIXED_SCALE reads it from
-// *scaleFactor (none for a null pointer); KFX_AUTO_SCALE picks it from the
-// peak, only when the peak leaves the 16-bit range, with the same 2^14
-// headroom as the 16-bit FFT, and writes it.
-int outputShift(const float *f, int len, int scaleMode, int *scaleFactor) {
-  if (scaleMode & KFX_AUTO_SCALE) {
-    double peak = 0.0;
-    for (int i = 0; i < len; ++i) peak = std::fmax(peak, std::fabs(static_cast<double>(f[i])));
-    int shift = 0;
-    if (peak >= 32767.5 && std::isfinite(peak)) {
-      int e = 0;
-      std::frexp(peak, &e);
-      shift = e - 14;
-    }
-    *scaleFactor = shift;
-    return shift;
-  }
-  if ((scaleMode & KFX_FIXED_SCALE) && scaleFactor != nullptr)
-    return *scaleFactor < -2000 ? -2000 : (*scaleFactor > 2000 ? 2000 : *scaleFactor);
-  return 0;
+void reportNoMemory(int line) {
+  report(KFX_StsNoMem, "kfxsDct", "\nNot enough memory\n", kModDct, line);
 }
 
 }  // namespace
@@ -339,41 +308,6 @@ void kfxsDct(const float *src, float *dst, int len, int flags) {
     kfx::byMatrix(*t, src, dst, inverse);
   else
     kfx::byCosine(*t, src, dst, inverse);
-}
-
-// The 16-bit forward DCT: the shorts (exact in float) go through kfxsDct and
-// its tables, and the result comes back to 16 bits by the rules of the
-// 16-bit FFT forms (scale modes KFX_FIXED_SCALE / KFX_AUTO_SCALE).
-void kfxwDct(const short *src, short *dst, int len, int scaleMode, int *scaleFactor) {
-  using kfx::kModDct;
-  static constexpr const char *kFunc = "kfxwDct";
-  if (len < 1)
-    return (void)kfx::report(KFX_StsBadArg, kFunc, "\nBad value of data buffer size\n", kModDct, __LINE__);
-  if (src == nullptr) return (void)kfx::report(KFX_StsBadArg, kFunc, "src==0", kModDct, __LINE__);
-  if (dst == nullptr) return (void)kfx::report(KFX_StsBadArg, kFunc, "dst==0", kModDct, __LINE__);
-  if ((scaleMode & KFX_FIXED_SCALE) && (scaleMode & KFX_AUTO_SCALE))
-    return (void)kfx::report(KFX_StsBadArg, kFunc, "(scaleMode & 0x0002) && (scaleMode & 0x0004)", kModDct,
-                             __LINE__);
-  if ((scaleMode & KFX_AUTO_SCALE) && scaleFactor == nullptr)
-    return (void)kfx::report(KFX_StsBadArg, kFunc, "scaleFactor==0", kModDct, __LINE__);
-  if (len > (1 << 28)) return kfx::reportNoMemory(__LINE__, kFunc);  // 2*len floats must fit an int size
-
-  float *work = static_cast<float *>(kfxMalloc(2 * len * static_cast<int>(sizeof(float))));
-  if (work == nullptr) return kfx::reportNoMemory(__LINE__, kFunc);
-  float *in = work, *out = work + len;
-  for (int i = 0; i < len; ++i) in[i] = src[i];
-  const int saved = kfxGetStatus();
-  kfxSetStatus(KFX_StsOk);
-  kfxsDct(in, out, len, KFX_DCT_Forward);
-  if (kfxGetStatus() < 0) {
-    kfxFree(work);
-    return kfx::reportNoMemory(__LINE__, kFunc);
-  }
-  kfxSetStatus(saved);
-  const int shift = kfx::outputShift(out, len, scaleMode, scaleFactor);
-  for (int i = 0; i < len; ++i)
-    dst[i] = kfx::roundSaturate(shift == 0 ? out[i] : std::ldexp(static_cast<double>(out[i]), -shift));
-  kfxFree(work);
 }
 
 }  // extern "C"

@@ -174,67 +174,6 @@ TEST_F(Dct, ArgumentErrorsReportAndLeaveOutputUntouched) {
   }
 }
 
-long double roundHalfAway(long double v) { return std::copysign(std::floor(std::fabs(v) + 0.5L), v); }
-
-TEST_F(Dct, SixteenBitForwardRoundsSaturatesAndScales) {
-  for (int n : {8, 24, 64}) {
-    SCOPED_TRACE(n);
-    std::vector<short> w(n);
-    std::vector<float> asFloat(n);
-    std::mt19937 gen(n);
-    std::uniform_int_distribution<int> dist(-3000, 3000);
-    for (int i = 0; i < n; ++i) asFloat[i] = w[i] = static_cast<short>(dist(gen));
-    const auto want = dctII(asFloat);
-    std::vector<short> out(n);
-    int sf = 0;
-    kfxwDct(w.data(), out.data(), n, 0, nullptr);
-    // A float error can flip the rounding of a value next to a half.
-    for (int k = 0; k < n; ++k) EXPECT_NEAR(out[k], static_cast<double>(roundHalfAway(want[k])), 1.0) << k;
-    sf = 2;
-    kfxwDct(w.data(), out.data(), n, KFX_FIXED_SCALE, &sf);
-    for (int k = 0; k < n; ++k) EXPECT_NEAR(out[k], static_cast<double>(roundHalfAway(want[k] / 4)), 1.0) << k;
-    sf = 99;
-    kfxwDct(w.data(), out.data(), n, KFX_AUTO_SCALE, &sf);
-    EXPECT_EQ(sf, 0);  // in range: no shift
-  }
-  // 30000 * sqrt(16) = 120000 saturates without scaling; automatic scaling
-  // shifts it by 3 (120000 < 2^17, headroom 2^14) to 15000.
-  const std::vector<short> big(16, 30000);
-  std::vector<short> out(16);
-  kfxwDct(big.data(), out.data(), 16, 0, nullptr);
-  EXPECT_EQ(out[0], 32767);
-  int sf = 0;
-  kfxwDct(big.data(), out.data(), 16, KFX_AUTO_SCALE, &sf);
-  EXPECT_EQ(sf, 3);
-  EXPECT_EQ(out[0], 15000);
-  for (int k = 1; k < 16; ++k) EXPECT_EQ(out[k], 0);
-  EXPECT_EQ(kfxGetStatus(), KFX_StsOk);
-
-  struct {
-    int len, mode;
-    bool nullSrc, nullDst, nullFactor;
-    const char *message;
-  } bad[] = {
-      {0, 0, false, false, false, "\nBad value of data buffer size\n"},
-      {4, 0, true, false, false, "src==0"},
-      {4, 0, false, true, false, "dst==0"},
-      {4, KFX_FIXED_SCALE | KFX_AUTO_SCALE, false, false, false, "(scaleMode & 0x0002) && (scaleMode & 0x0004)"},
-      {4, KFX_AUTO_SCALE, false, false, true, "scaleFactor==0"},
-  };
-  for (const auto &b : bad) {
-    kfxSetStatus(KFX_StsOk);
-    short dst[4] = {-7, -7, -7, -7};
-    sf = 5;
-    kfxwDct(b.nullSrc ? nullptr : big.data(), b.nullDst ? nullptr : dst, b.len, b.mode,
-            b.nullFactor ? nullptr : &sf);
-    EXPECT_EQ(kfxGetStatus(), KFX_StsBadArg) << b.message;
-    EXPECT_STREQ(kfxGetErrorReport()->message, b.message);
-    EXPECT_STREQ(kfxGetErrorReport()->funcName, "kfxwDct");
-    EXPECT_EQ(sf, 5);
-    for (short v : dst) EXPECT_EQ(v, -7);
-  }
-}
-
 // Threads racing to build the same tables all get correct results, and the
 // same results as a single thread.
 TEST_F(Dct, ConcurrentFirstUseOfTables) {
