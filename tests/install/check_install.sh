@@ -15,9 +15,12 @@ prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" > "$work/install.log"
 libdir=$(dirname "$(find "$prefix" -name 'libxklM5.so' | head -n 1)")
 
-# Sanitizer builds need their runtime first in the process.
+# Sanitizer builds need their runtime first in the process. The symbol list
+# is read whole before searching it: under pipefail, `nm | grep -q` fails
+# whenever grep stops early and nm dies of the broken pipe.
 preload=""
-if nm -D "$libdir/libxklM5.so" | grep -q '__asan_'; then
+symbols=$(nm -D "$libdir/libxklM5.so")
+if grep -q '__asan_' <<< "$symbols"; then
   preload=$("$cc" -print-file-name=libasan.so)
 fi
 run() { env LD_LIBRARY_PATH="$libdir" ${preload:+LD_PRELOAD="$preload"} ASAN_OPTIONS=detect_leaks=0 "$@"; }
