@@ -19,11 +19,12 @@
 // (2^-126 .. 2^127); other scales take the portable code.
 #include "frame/convert.h"
 
+#include "frame/cpu.h"
+
 #include <atomic>
 #include <bit>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <type_traits>
@@ -348,21 +349,14 @@ XKL_TARGET_AVX2 void scaleUpAvx2(const Src *src, Dst *dst, int n, Acc mult) {
 // ---------------------------------------------------------------------------
 // Instruction-set choice.
 
-ConvertIsa detectIsa() {
-  const char *off = std::getenv("XKL_NO_SIMD");
-  if (off && off[0] == '1') return ConvertIsa::Portable;
-#ifdef XKL_CONVERT_X86
-  __builtin_cpu_init();
-  if (__builtin_cpu_supports("avx2")) return ConvertIsa::Avx2;
-  return ConvertIsa::Sse2;
-#else
-  return ConvertIsa::Portable;
-#endif
-}
-
+// The kernels are compiled only for x86 builds with SSE2; AVX2 is probed.
 ConvertIsa availableIsa() {
-  static const ConvertIsa isa = detectIsa();
-  return isa;
+#ifdef XKL_CONVERT_X86
+  const CpuFeatures &cpu = cpuFeatures();
+  if (cpu.avx2) return ConvertIsa::Avx2;
+  if (cpu.sse2) return ConvertIsa::Sse2;
+#endif
+  return ConvertIsa::Portable;
 }
 
 std::atomic<int> isaCap{static_cast<int>(ConvertIsa::Avx2)};

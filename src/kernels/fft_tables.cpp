@@ -1,10 +1,10 @@
 #include "kernels/fft_tables.h"
 
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
+#include "frame/cpu.h"
 #include "xkl/kfx.h"
 
 namespace kfx::fft {
@@ -177,20 +177,7 @@ void releaseSlots(std::atomic<T *> *slots) {
     if (T *t = slots[i].exchange(nullptr, std::memory_order_acq_rel)) destroyTable(t);
 }
 
-// -1 not yet decided, 0 portable, 1 AVX2+FMA.
-std::atomic<int> gSimdMode{-1};
 std::atomic<bool> gForcePortable{false};
-
-int detectSimd() {
-#if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__))
-  const char *env = std::getenv("XKL_NO_SIMD");
-  if (env && std::strcmp(env, "1") == 0) return 0;
-  __builtin_cpu_init();
-  return (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) ? 1 : 0;
-#else
-  return 0;
-#endif
-}
 
 }  // namespace
 
@@ -249,13 +236,7 @@ bool splitCached(int order) {
 }
 
 bool simdActive() {
-  if (gForcePortable.load(std::memory_order_relaxed)) return false;
-  int mode = gSimdMode.load(std::memory_order_relaxed);
-  if (mode < 0) {
-    mode = detectSimd();
-    gSimdMode.store(mode, std::memory_order_relaxed);
-  }
-  return mode == 1;
+  return !gForcePortable.load(std::memory_order_relaxed) && xk::cpuHasAvx2Fma();
 }
 
 void forcePortable(bool portable) { gForcePortable.store(portable, std::memory_order_relaxed); }

@@ -5,9 +5,9 @@
 // and returns without writing anything.
 #include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 
+#include "frame/cpu.h"
 #include "kernels/kfx_error.h"
 #include "kernels/vec_internal.h"
 
@@ -23,24 +23,8 @@ void badArg(const char *func, const char *message, const char *module, int line)
   report(KFX_StsBadArg, func, message, module, line);
 }
 
-// ---- SIMD switch ----
-
-bool cpuHasAvx2Fma() {
-#ifdef XKL_KFX_X86
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-#else
-  return false;
-#endif
-}
-
-bool environmentAllowsSimd() {
-  const char *value = std::getenv("XKL_NO_SIMD");
-  return value == nullptr || std::strcmp(value, "1") != 0;
-}
-
-// -1 until first use, then 1 (AVX2) or 0 (portable).
-std::atomic<int> simdState{-1};
+// Off only while a test asks for the portable paths.
+std::atomic<bool> simdOff{false};
 
 // ---- dot-product engines ----
 // Both engines keep 16 double lanes (lane l takes elements i with i % 16 == l
@@ -122,18 +106,9 @@ bool sqrtInto(const float *src, float *dst, int len) {
 
 }  // namespace
 
-bool simdActive() {
-  int state = simdState.load(std::memory_order_relaxed);
-  if (state < 0) {
-    const int resolved = (cpuHasAvx2Fma() && environmentAllowsSimd()) ? 1 : 0;
-    int expected = -1;
-    simdState.compare_exchange_strong(expected, resolved);
-    state = simdState.load(std::memory_order_relaxed);
-  }
-  return state == 1;
-}
+bool simdActive() { return !simdOff.load(std::memory_order_relaxed) && xk::cpuHasAvx2Fma(); }
 
-void setSimdEnabled(bool on) { simdState.store(on && cpuHasAvx2Fma() ? 1 : 0); }
+void setSimdEnabled(bool on) { simdOff.store(!on, std::memory_order_relaxed); }
 
 double dotProduct(const float *a, const float *b, int n) {
 #ifdef XKL_KFX_X86

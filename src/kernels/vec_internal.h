@@ -9,7 +9,8 @@ namespace kfx {
 // AVX2 and FMA, the environment does not set XKL_NO_SIMD=1 (read once), and
 // setSimdEnabled(false) has not been called.
 bool simdActive();
-// Turns the AVX2 paths on (only if the CPU supports them) or off, process-wide.
+// Turns the AVX2 paths off, or back on where the CPU and environment allow
+// them, process-wide.
 void setSimdEnabled(bool on);
 
 // Sum of a[i]*b[i], i < n, accumulated in double, no argument checks.
