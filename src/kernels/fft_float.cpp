@@ -21,11 +21,30 @@ inline cf mul(cf a, cf b) {
   return cf(a.real() * b.real() - a.imag() * b.imag(), a.real() * b.imag() + a.imag() * b.real());
 }
 
+// z * -i (forward) or z * +i (inverse), exactly.
+template <bool Inverse>
+inline cf quarterTurn(cf z) {
+  return Inverse ? cf(-z.imag(), z.real()) : cf(z.imag(), -z.real());
+}
+
 // Radix-2 decimation in time over bit-reversed data; Inverse uses the
-// conjugate twiddles.
+// conjugate twiddles. The first two stages have the factors 1 and -i (+i):
+// they run fused, as exact 4-point transforms.
 template <bool Inverse>
 void complexStagesPortable(cf *z, std::size_t m, const float *plain) {
-  for (std::size_t span = 1; span < m; span *= 2) {
+  std::size_t span = 1;
+  if (m >= 4) {
+    for (std::size_t b = 0; b < m; b += 4) {
+      const cf u0 = z[b] + z[b + 1], u1 = z[b] - z[b + 1];
+      const cf u2 = z[b + 2] + z[b + 3], u3 = quarterTurn<Inverse>(z[b + 2] - z[b + 3]);
+      z[b] = u0 + u2;
+      z[b + 1] = u1 + u3;
+      z[b + 2] = u0 - u2;
+      z[b + 3] = u1 - u3;
+    }
+    span = 4;
+  }
+  for (; span < m; span *= 2) {
     const std::size_t stride = m / (2 * span);  // twiddle index step
     for (std::size_t block = 0; block < m; block += 2 * span) {
       for (std::size_t j = 0; j < span; ++j) {
