@@ -34,7 +34,7 @@ void runXkl(benchmark::State &state, bool portable, int direction = KFX_Forward,
   float *in = fftwf_alloc_real(n);
   float *out = fftwf_alloc_real(n + 2);
   fillRandom(in, n);
-  kfx::fft::forcePortable(portable);
+  kfx::setSimdEnabled(!portable);
   kfxsRealFftl(nullptr, order, KFX_Init);
   for (auto _ : state) {
     if (inPlace) {
@@ -46,7 +46,7 @@ void runXkl(benchmark::State &state, bool portable, int direction = KFX_Forward,
     benchmark::DoNotOptimize(out);
     benchmark::ClobberMemory();
   }
-  kfx::fft::forcePortable(false);
+  kfx::setSimdEnabled(true);
   state.counters["N"] = n;
   fftwf_free(in);
   fftwf_free(out);

@@ -19,8 +19,6 @@
 // (2^-126 .. 2^127); other scales take the portable code.
 #include "frame/convert.h"
 
-#include "frame/cpu.h"
-
 #include <atomic>
 #include <bit>
 #include <climits>
@@ -28,6 +26,8 @@
 #include <cstring>
 #include <limits>
 #include <type_traits>
+
+#include "frame/cpu.h"
 
 #if (defined(__x86_64__) || defined(__i386__)) && defined(__SSE2__) && \
     (defined(__GNUC__) || defined(__clang__))

@@ -199,7 +199,7 @@ void fixedDct16(const short *src, short *dst, int len, int scaleMode, int *scale
   const double wk = unit * std::sqrt(2.0 / static_cast<double>(len));
   const std::int32_t *matrix = table->matrix();
 #ifdef XKL_DCTW_HAVE_AVX2
-  const bool simd = kfx::fft::simdActive();
+  const bool simd = kfx::simdActive();
 #endif
   double lo = 0, hi = 0;
   for (std::size_t k = 0; k < n; ++k) {

@@ -31,7 +31,7 @@
 // The integer twiddle tables are process-wide, one per order, built once and
 // published atomically; the working values live on the stack for frames up
 // to 4 KiB and otherwise in a buffer owned by the calling thread. The AVX2
-// kernels (chosen at run time, see kfx::fft::simdActive) compute exactly
+// kernels (chosen at run time, see kfx::simdActive) compute exactly
 // what the portable code computes.
 #include <algorithm>
 #include <atomic>
@@ -302,7 +302,7 @@ template <class T, bool Inverse>
 void laterStages(T *d, std::size_t m, const std::int32_t *stage) {
 #ifdef XKL_FFTW_HAVE_AVX2
   if constexpr (sizeof(T) == 4) {
-    if (m >= 8 && kfx::fft::simdActive()) return laterStagesAvx2<Inverse>(d, m, stage);
+    if (m >= 8 && kfx::simdActive()) return laterStagesAvx2<Inverse>(d, m, stage);
   }
 #endif
   laterStagesPortable<T, Inverse>(d, m, stage);
@@ -444,7 +444,7 @@ void forwardInt(const short *in, T *d, const IntTwdTable &t) {
   constexpr T g = T{1} << kGuardBits;
   bool simd = false;
 #ifdef XKL_FFTW_HAVE_AVX2
-  if constexpr (sizeof(T) == 4) simd = kfx::fft::simdActive();
+  if constexpr (sizeof(T) == 4) simd = kfx::simdActive();
 #endif
   if (m == 2) {
     for (std::size_t n = 0; n < 2; ++n) {
@@ -532,7 +532,7 @@ void inverseInt(const short *in, T *d, const IntTwdTable &t, bool pack) {
   const std::int32_t *w = t.split;
 #ifdef XKL_FFTW_HAVE_AVX2
   if constexpr (sizeof(T) == 4) {
-    if (m >= 16 && kfx::fft::simdActive()) {
+    if (m >= 16 && kfx::simdActive()) {
       // Fold into natural order, then the bit-reversed load fused with the
       // first two stages, as in the forward transform.
       alignas(32) std::int32_t e[2 << kMaxInt32Order];
@@ -639,7 +639,7 @@ __attribute__((target("avx2"))) void minMaxAvx2(const std::int32_t *d, std::size
 inline void convertRange32(const std::int32_t *src, short *dst, std::size_t count, int sh) {
   std::size_t i = 0;
 #ifdef XKL_FFTW_HAVE_AVX2
-  if (count >= 16 && kfx::fft::simdActive()) i = convert32Avx2(src, dst, count, sh);
+  if (count >= 16 && kfx::simdActive()) i = convert32Avx2(src, dst, count, sh);
 #endif
   const std::int32_t lim = -(std::int32_t{1} << sh);
   for (; i < count; ++i) dst[i] = convert32(src[i], sh, lim);
@@ -649,7 +649,7 @@ template <class T>
 void minMax(const T *d, std::size_t n, T *lo, T *hi) {
 #ifdef XKL_FFTW_HAVE_AVX2
   if constexpr (sizeof(T) == 4) {
-    if (kfx::fft::simdActive()) return minMaxAvx2(d, n, lo, hi);
+    if (kfx::simdActive()) return minMaxAvx2(d, n, lo, hi);
   }
 #endif
   T a = d[0], b = d[0];
@@ -830,7 +830,7 @@ __attribute__((target("avx2"))) void floatMinMaxAvx2(const float *f, std::size_t
 // Smallest and largest value, and 0.
 void floatMinMax(const float *f, std::size_t n, float *lo, float *hi) {
 #ifdef XKL_FFTW_HAVE_AVX2
-  if (kfx::fft::simdActive()) return floatMinMaxAvx2(f, n, lo, hi);
+  if (kfx::simdActive()) return floatMinMaxAvx2(f, n, lo, hi);
 #endif
   float a = 0.0f, b = 0.0f;
   for (std::size_t i = 0; i < n; ++i) {
@@ -858,7 +858,7 @@ void finishFloat(const float *f, short *out, std::size_t n, const ScaleRequest &
   } else if (scale.fixed && scale.factor) {
     shift = *scale.factor;
   }
-  roundSaturate(f, out, n, shift, kfx::fft::simdActive());
+  roundSaturate(f, out, n, shift, kfx::simdActive());
 }
 
 // Runs kfxsRealFftl on the calling thread with a clean status and tells

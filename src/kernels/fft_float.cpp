@@ -135,7 +135,7 @@ void transform(const float *in, float *out, int order, int flags, const FloatTab
     out[1] = scale * (a - b);
     return;
   }
-  const bool simd = t.twiddle->simd != nullptr && simdActive();
+  const bool simd = t.twiddle->simd != nullptr && kfx::simdActive();
   if (!inverse) {
 #ifdef XKL_FFT_HAVE_AVX2
     if (simd)

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <new>
 
-#include "frame/cpu.h"
 #include "xkl/kfx.h"
 
 namespace kfx::fft {
@@ -177,8 +176,6 @@ void releaseSlots(std::atomic<T *> *slots) {
     if (T *t = slots[i].exchange(nullptr, std::memory_order_acq_rel)) destroyTable(t);
 }
 
-std::atomic<bool> gForcePortable{false};
-
 }  // namespace
 
 void *tableAlloc(std::size_t bytes) {
@@ -235,11 +232,6 @@ bool splitCached(int order) {
   return order >= 0 && order < kSlots && gSplit[order].load(std::memory_order_acquire);
 }
 
-bool simdActive() {
-  return !gForcePortable.load(std::memory_order_relaxed) && xk::cpuHasAvx2Fma();
-}
-
-void forcePortable(bool portable) { gForcePortable.store(portable, std::memory_order_relaxed); }
 
 }  // namespace kfx::fft
 

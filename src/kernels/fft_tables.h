@@ -22,6 +22,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kernels/simd.h"
+
 namespace kfx::fft {
 
 inline constexpr int kMaxOrder = 31;
@@ -116,11 +118,5 @@ T *publishTable(std::atomic<T *> &slot, T *fresh, Destroy destroy) {
   destroy(fresh);
   return expected;
 }
-
-// Run-time selection of the vectorised kernels. The portable path is chosen
-// when the processor lacks AVX2/FMA, when the environment variable
-// XKL_NO_SIMD=1 was set at the first transform, or after forcePortable(true).
-bool simdActive();
-void forcePortable(bool portable);
 
 }  // namespace kfx::fft

@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstring>
 
-#include "frame/cpu.h"
 #include "kernels/kfx_error.h"
 #include "kernels/vec_internal.h"
 
@@ -22,9 +21,6 @@ namespace {
 void badArg(const char *func, const char *message, const char *module, int line) {
   report(KFX_StsBadArg, func, message, module, line);
 }
-
-// Off only while a test asks for the portable paths.
-std::atomic<bool> simdOff{false};
 
 // ---- dot-product engines ----
 // Both engines keep 16 double lanes (lane l takes elements i with i % 16 == l
@@ -105,10 +101,6 @@ bool sqrtInto(const float *src, float *dst, int len) {
 }
 
 }  // namespace
-
-bool simdActive() { return !simdOff.load(std::memory_order_relaxed) && xk::cpuHasAvx2Fma(); }
-
-void setSimdEnabled(bool on) { simdOff.store(!on, std::memory_order_relaxed); }
 
 double dotProduct(const float *a, const float *b, int n) {
 #ifdef XKL_KFX_X86

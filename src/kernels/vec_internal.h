@@ -1,17 +1,11 @@
-// Internal helpers shared by the vector kernels (not exported): the SIMD
-// switch, the raw dot-product engine and the route switch of the
+// Internal helpers shared by the vector kernels (not exported): the raw
+// dot-product engine and the route switch of the
 // autocorrelation, so that tests can pin every path and compare them.
 #pragma once
 
-namespace kfx {
+#include "kernels/simd.h"
 
-// True when the AVX2 paths of the vector kernels are in use: the CPU has
-// AVX2 and FMA, the environment does not set XKL_NO_SIMD=1 (read once), and
-// setSimdEnabled(false) has not been called.
-bool simdActive();
-// Turns the AVX2 paths off, or back on where the CPU and environment allow
-// them, process-wide.
-void setSimdEnabled(bool on);
+namespace kfx {
 
 // Sum of a[i]*b[i], i < n, accumulated in double, no argument checks.
 // The AVX2 and the portable engine add in the same order (16 lanes, then a

@@ -45,15 +45,23 @@ TEST(Dct, MatchesTheDefiningSumsOnEveryRoute) {
         const int flags = inverse ? KFX_DCT_Inverse : KFX_DCT_Forward;
         std::vector<float> y(n), back(n), inPlace = x, portable(n);
         kfxsDct(x.data(), y.data(), n, flags);
-        const auto want = reference(x, inverse);
-        for (int k = 0; k < n; ++k) ASSERT_NEAR(y[k], static_cast<double>(want[k]), tol) << n << " " << inverse;
-        kfxsDct(y.data(), back.data(), n, inverse ? KFX_DCT_Forward : KFX_DCT_Inverse);
-        for (int i = 0; i < n; ++i) ASSERT_NEAR(back[i], x[i], 2 * tol) << n << " round trip " << inverse;
-        kfxsDct(inPlace.data(), inPlace.data(), n, flags);
         kfx::setSimdEnabled(false);
         kfxsDct(x.data(), portable.data(), n, flags);
         kfx::setSimdEnabled(true);
-        EXPECT_TRUE(inPlace == y && portable == y) << n << " in place or portable " << inverse;
+        const auto want = reference(x, inverse);
+        for (int k = 0; k < n; ++k) {
+          ASSERT_NEAR(y[k], static_cast<double>(want[k]), tol) << n << " " << inverse;
+          ASSERT_NEAR(portable[k], static_cast<double>(want[k]), tol) << n << " portable " << inverse;
+        }
+        kfxsDct(y.data(), back.data(), n, inverse ? KFX_DCT_Forward : KFX_DCT_Inverse);
+        for (int i = 0; i < n; ++i) ASSERT_NEAR(back[i], x[i], 2 * tol) << n << " round trip " << inverse;
+        kfxsDct(inPlace.data(), inPlace.data(), n, flags);
+        EXPECT_EQ(inPlace, y) << n << " in place " << inverse;
+        // The summing routes (lengths that are not powers of two) add in the
+        // same order on both paths; the FFT route differs by rounding only.
+        if (n == 1 || (n & (n - 1)) != 0) {
+          EXPECT_EQ(portable, y) << n << " portable " << inverse;
+        }
       }
     }
   EXPECT_EQ(kfxGetStatus(), KFX_StsOk);

@@ -93,7 +93,7 @@ class KfxwFft : public ::testing::Test {
   void TearDown() override {
     kfx::fftw::failIntAllocations(0);
     kfx::fft::failTableAllocations(0);
-    kfx::fft::forcePortable(false);
+    kfx::setSimdEnabled(true);
     EXPECT_EQ(kfxGetStatus(), KFX_StsOk);
   }
 };
@@ -246,9 +246,9 @@ TEST_F(KfxwFft, VectorisedIntegerStagesEqualPortable) {
       for (unsigned seed = 0; seed < 4; ++seed) {
         const Frame x = randomFrame(std::size_t{1} << order, seed == 0 ? 32767 : 3000, 60 + seed + 10 * order);
         int portableFactor = 0, factor = 0;
-        kfx::fft::forcePortable(true);
+        kfx::setSimdEnabled(false);
         const Frame portable = run(x, order, flags | kInt, KFX_AUTO_SCALE, &portableFactor);
-        kfx::fft::forcePortable(false);
+        kfx::setSimdEnabled(true);
         EXPECT_EQ(run(x, order, flags | kInt, KFX_AUTO_SCALE, &factor), portable) << order << " " << flags;
         EXPECT_EQ(factor, portableFactor);
       }
@@ -261,7 +261,7 @@ TEST_F(KfxwFft, ConversionRoundsHalfAwayAndSaturates) {
   std::vector<short> want;
   for (float v : f) want.push_back(rounded(v, true));
   for (bool simd : {false, true}) {
-    if (simd && !kfx::fft::simdActive()) continue;  // the vectorised path needs AVX2
+    if (simd && !kfx::simdActive()) continue;  // the vectorised path needs AVX2
     std::vector<short> out(f.size(), 9), huge(f.size(), 9);
     kfx::fftw::floatTo16(f.data(), out.data(), f.size(), 0, simd);
     kfx::fftw::floatTo16(f.data(), huge.data(), f.size(), -5000, simd);

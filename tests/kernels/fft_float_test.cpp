@@ -81,7 +81,7 @@ class FloatFft : public ::testing::Test {
   void SetUp() override { kfxSetStatus(KFX_StsOk); }
   void TearDown() override {
     ft::failTableAllocations(0);
-    ft::forcePortable(false);
+    kfx::setSimdEnabled(true);
     EXPECT_EQ(kfxGetStatus(), KFX_StsOk);
   }
 };
@@ -222,15 +222,15 @@ TEST_F(FloatFft, OrderAboveTheVectorisedRangeTransformsAnImpulse) {
 }
 
 TEST_F(FloatFft, VectorisedPathEqualsPortablePathAtAnyAlignment) {
-  if (!ft::simdActive()) GTEST_SKIP() << "no vectorised path on this processor";
+  if (!kfx::simdActive()) GTEST_SKIP() << "no vectorised path on this processor";
   for (int order = 2; order <= 17; ++order) {
     const Frame x = randomFrame(std::size_t{1} << order, 400 + order);
     for (int flags :
          {kFwdPerm, KFX_Forward | KFX_RCPack, KFX_Inverse | KFX_RCPerm, KFX_Inverse | KFX_RCPack | KFX_NoScale})
       for (bool inPlace : {false, true}) {
-        ft::forcePortable(true);
+        kfx::setSimdEnabled(false);
         const Frame portable = run(x, order, flags, inPlace);
-        ft::forcePortable(false);
+        kfx::setSimdEnabled(true);
         const Frame simd = run(x, order, flags, inPlace);
         // The paths differ only in the order of their roundings, about 0.3 eps (2^-24)
         // per level measured; a wrong factor, lane or index exceeds 2 eps by far.
