@@ -98,9 +98,10 @@ XKL_API void XK_FreeCodebook(XKCodebook *codebook);
  * dist[k] (n elements) receives the squared Euclidean distance from x to
  * codewords[k] (its root when takeRoot is nonzero; for dim < 2 only element 0
  * counts). best receives the positions of the nBest nearest codewords in
- * ascending distance, equal distances in position order; it must hold n
- * elements: nBest > 1 writes all n, and nBest == 1 writes best[0] = p and
- * then best[p] = 0. nBest >= n is lowered to n - 1; nBest <= 0 leaves best
+ * ascending distance (a selection with swaps: with nBest == 1 the first of
+ * equal distances wins, beyond that equal distances may change places); it
+ * must hold n elements: nBest > 1 writes all n, and nBest == 1 writes
+ * best[0] = p and then best[p] = 0. nBest >= n is lowered to n - 1; nBest <= 0 leaves best
  * untouched.
  *
  * 16-bit form: dist is int. Modes 0 and 1: exact integer sums of squared
