@@ -17,7 +17,6 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
-#include <new>
 
 #include "frame/cpu.h"
 #include "xkl/xk_convert.h"
@@ -48,91 +47,114 @@ using u32 = std::uint32_t;
 
 constexpr int kFloatBlockedFrom = 8;
 
-// Row sum of one row over len columns on four double lanes, in the order the
-// vectorised pass uses. The differences are formed in float.
+// Row sum of one row over len columns on four double lanes (lane j mod 4,
+// the last partial group padded with zero products), lanes combined as
+// (0 + 2) + (1 + 3): the order of the vectorised pass. The differences are
+// formed in float.
 double rowSumPortable(const float *row, const float *x, const float *m, int len) {
-  double acc[4] = {0.0, 0.0, 0.0, 0.0};
-  const int len4 = len & ~3;
-  for (int j = 0; j < len4; ++j) {
-    const float d = x[j] - m[j];
-    acc[j & 3] += static_cast<double>(row[j]) * static_cast<double>(d);
+  auto p = [&](int j) { return j < len ? static_cast<double>(row[j]) * static_cast<double>(x[j] - m[j]) : 0.0; };
+  double a0 = 0.0, a1 = 0.0, a2 = 0.0, a3 = 0.0;
+  int j = 0;
+  for (; j + 4 <= len; j += 4) {
+    a0 += static_cast<double>(row[j]) * static_cast<double>(x[j] - m[j]);
+    a1 += static_cast<double>(row[j + 1]) * static_cast<double>(x[j + 1] - m[j + 1]);
+    a2 += static_cast<double>(row[j + 2]) * static_cast<double>(x[j + 2] - m[j + 2]);
+    a3 += static_cast<double>(row[j + 3]) * static_cast<double>(x[j + 3] - m[j + 3]);
   }
-  double s = (acc[0] + acc[2]) + (acc[1] + acc[3]);
-  for (int j = len4; j < len; ++j) {
-    const float d = x[j] - m[j];
-    s += static_cast<double>(row[j]) * static_cast<double>(d);
-  }
-  return s;
+  if (j < len) a0 += p(j), a1 += p(j + 1), a2 += p(j + 2), a3 += p(j + 3);
+  return (a0 + a2) + (a1 + a3);
 }
 
-void rowSumsPortable(const float *x, const float *m, const float *const *a, int n, double *rs) {
-  for (int i = 1; i < n; ++i) rs[i] = rowSumPortable(a[i], x, m, i);
+// Cross (double) and diagonal (float) sums, fed row by row from the last
+// row down; both paths feed them in the same order.
+struct FullSums {
+  double cross = 0.0;
+  float diag = 0.0f;
+  void add(const float *x, const float *m, const float *const *a, int i, double rowSum) {
+    const float d = x[i] - m[i];
+    cross += static_cast<double>(d) * rowSum;
+    diag += d * d * a[i][i];
+  }
+};
+
+FullSums fullSumsPortable(const float *x, const float *m, const float *const *a, int n) {
+  FullSums sums;
+  for (int i = n - 1; i >= 1; --i) sums.add(x, m, a, i, rowSumPortable(a[i], x, m, i));
+  return sums;
 }
 
 #ifdef XKL_VQ_HAVE_AVX2
-XKL_TARGET_AVX2 inline __m256d diff4(const float *x, const float *m, int j) {
-  return _mm256_cvtps_pd(_mm_sub_ps(_mm_loadu_ps(x + j), _mm_loadu_ps(m + j)));
+// Lanes 0..r-1 set, for the last partial group of a row.
+XKL_TARGET_AVX2 inline __m128i headMask(int r) {
+  return _mm_cmpgt_epi32(_mm_set1_epi32(r), _mm_setr_epi32(0, 1, 2, 3));
 }
 
-XKL_TARGET_AVX2 inline double finishRow(__m256d acc, const float *row, const float *x, const float *m,
-                                        int len) {
-  const __m128d lohi = _mm_add_pd(_mm256_castpd256_pd128(acc), _mm256_extractf128_pd(acc, 1));
-  double s = _mm_cvtsd_f64(lohi) + _mm_cvtsd_f64(_mm_unpackhi_pd(lohi, lohi));
-  for (int j = len & ~3; j < len; ++j) {
-    const float d = x[j] - m[j];
-    s += static_cast<double>(row[j]) * static_cast<double>(d);
-  }
-  return s;
+XKL_TARGET_AVX2 inline __m256d product4(const float *row, const float *x, const float *m, int j) {
+  const __m256d d = _mm256_cvtps_pd(_mm_sub_ps(_mm_loadu_ps(x + j), _mm_loadu_ps(m + j)));
+  return _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(row + j)), d);
+}
+
+// The last partial group, read under a mask so nothing past the row (or the
+// vectors) is touched; masked lanes give 0 * 0.
+XKL_TARGET_AVX2 inline __m256d productTail(const float *row, const float *x, const float *m, int j, int r) {
+  const __m128i k = headMask(r);
+  const __m256d d = _mm256_cvtps_pd(_mm_sub_ps(_mm_maskload_ps(x + j, k), _mm_maskload_ps(m + j, k)));
+  return _mm256_mul_pd(_mm256_cvtps_pd(_mm_maskload_ps(row + j, k)), d);
+}
+
+XKL_TARGET_AVX2 inline double lanes(__m256d acc) {
+  const __m128d s = _mm_add_pd(_mm256_castpd256_pd128(acc), _mm256_extractf128_pd(acc, 1));
+  return _mm_cvtsd_f64(s) + _mm_cvtsd_f64(_mm_unpackhi_pd(s, s));
+}
+
+XKL_TARGET_AVX2 inline __m256d rowFrom(__m256d acc, const float *row, const float *x, const float *m, int j,
+                                       int len) {
+  for (; j + 4 <= len; j += 4) acc = _mm256_add_pd(acc, product4(row, x, m, j));
+  if (j < len) acc = _mm256_add_pd(acc, productTail(row, x, m, j, len - j));
+  return acc;
 }
 
 // Four rows per pass share the loads of the differences. Each row keeps its
 // own lanes, so the result equals rowSumPortable row by row. The products
 // of two floats are exact in double, so a fused multiply-add would not
 // change them either.
-XKL_TARGET_AVX2 void rowSumsAvx2(const float *x, const float *m, const float *const *a, int n, double *rs) {
+XKL_TARGET_AVX2 FullSums fullSumsAvx2(const float *x, const float *m, const float *const *a, int n) {
+  FullSums sums;  // local, so the sums stay in registers
   int i = n - 1;
   for (; i >= 4; i -= 4) {
-    const float *r[4] = {a[i], a[i - 1], a[i - 2], a[i - 3]};
-    __m256d acc[4] = {_mm256_setzero_pd(), _mm256_setzero_pd(), _mm256_setzero_pd(), _mm256_setzero_pd()};
+    const float *r0 = a[i], *r1 = a[i - 1], *r2 = a[i - 2], *r3 = a[i - 3];
+    __m256d acc0 = _mm256_setzero_pd(), acc1 = acc0, acc2 = acc0, acc3 = acc0;
     const int common = (i - 3) & ~3;
     for (int j = 0; j < common; j += 4) {
-      const __m256d d = diff4(x, m, j);
-      for (int k = 0; k < 4; ++k)
-        acc[k] = _mm256_add_pd(acc[k], _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(r[k] + j)), d));
+      const __m256d d = _mm256_cvtps_pd(_mm_sub_ps(_mm_loadu_ps(x + j), _mm_loadu_ps(m + j)));
+      acc0 = _mm256_add_pd(acc0, _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(r0 + j)), d));
+      acc1 = _mm256_add_pd(acc1, _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(r1 + j)), d));
+      acc2 = _mm256_add_pd(acc2, _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(r2 + j)), d));
+      acc3 = _mm256_add_pd(acc3, _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(r3 + j)), d));
     }
-    for (int k = 0; k < 4; ++k) {
-      const int len = i - k;
-      for (int j = common; j < (len & ~3); j += 4)
-        acc[k] = _mm256_add_pd(acc[k], _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(r[k] + j)), diff4(x, m, j)));
-      rs[i - k] = finishRow(acc[k], r[k], x, m, len);
-    }
+    const double s0 = lanes(rowFrom(acc0, r0, x, m, common, i));
+    const double s1 = lanes(rowFrom(acc1, r1, x, m, common, i - 1));
+    const double s2 = lanes(rowFrom(acc2, r2, x, m, common, i - 2));
+    const double s3 = lanes(rowFrom(acc3, r3, x, m, common, i - 3));
+    sums.add(x, m, a, i, s0);
+    sums.add(x, m, a, i - 1, s1);
+    sums.add(x, m, a, i - 2, s2);
+    sums.add(x, m, a, i - 3, s3);
   }
-  for (; i >= 1; --i) {
-    __m256d acc = _mm256_setzero_pd();
-    for (int j = 0; j < (i & ~3); j += 4)
-      acc = _mm256_add_pd(acc, _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(a[i] + j)), diff4(x, m, j)));
-    rs[i] = finishRow(acc, a[i], x, m, i);
-  }
+  for (; i >= 1; --i) sums.add(x, m, a, i, lanes(rowFrom(_mm256_setzero_pd(), a[i], x, m, 0, i)));
+  return sums;
 }
 #endif
 
-double sFullBlocked(const float *x, const float *m, const float *const *a, int n, double *rs) {
+double sFullBlocked(const float *x, const float *m, const float *const *a, int n) {
 #ifdef XKL_VQ_HAVE_AVX2
-  if (xk::vq::simdActive())
-    rowSumsAvx2(x, m, a, n, rs);
-  else
+  FullSums sums = xk::vq::simdActive() ? fullSumsAvx2(x, m, a, n) : fullSumsPortable(x, m, a, n);
+#else
+  FullSums sums = fullSumsPortable(x, m, a, n);
 #endif
-    rowSumsPortable(x, m, a, n, rs);
-  double cross = 0.0;
-  float diag = 0.0f;
-  for (int i = n - 1; i >= 1; --i) {
-    const float d = x[i] - m[i];
-    cross += static_cast<double>(d) * rs[i];
-    diag += d * d * a[i][i];
-  }
   const float d0 = x[0] - m[0];
-  diag += d0 * d0 * a[0][0];
-  return static_cast<double>(diag) + cross + cross;
+  sums.diag += d0 * d0 * a[0][0];
+  return static_cast<double>(sums.diag) + sums.cross + sums.cross;
 }
 
 double sFullSmall(const float *x, const float *m, const float *const *a, int n) {
@@ -302,11 +324,7 @@ XKL_API double XKsMahalanobis(const float *x, const float *m, float *const *invC
   if (n < kFloatBlockedFrom) {
     dist = sFullSmall(x, m, invCov, n);
   } else {
-    double stackSums[256];
-    double *rs = n <= 256 ? stackSums : new (std::nothrow) double[n];
-    if (rs == nullptr) return std::nan("");  // nothing sensible to return without scratch
-    dist = sFullBlocked(x, m, invCov, n, rs);
-    if (rs != stackSums) delete[] rs;
+    dist = sFullBlocked(x, m, invCov, n);
   }
   return sqrtFlag ? std::sqrt(dist) : dist;
 }
