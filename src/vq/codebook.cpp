@@ -10,7 +10,13 @@
 #include <new>
 #include <vector>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define XKL_VQ_HAVE_AVX2 1
+#endif
+
 #include "frame/report.h"
+#include "vq/mahalanobis.h"
 #include "vq/codebook_internal.h"
 #include "xkl/kfx.h"
 #include "xkl/xk_convert.h"
@@ -275,6 +281,73 @@ const XKCodebookNode *descend(const XKCodebook *cb, Dist dist, GoRight goRight) 
   return nullptr;
 }
 
+// Sum of squares of v - c on four independent partial sums: not the bits of
+// l2Distance, but within (dim + 3) 2^-53 of the true value, as l2Distance's
+// square is.
+double quickSquares(const float *v, const float *c, int dim) {
+  double a0 = 0.0, a1 = 0.0, a2 = 0.0, a3 = 0.0;
+  int k = 0;
+  for (; k + 4 <= dim; k += 4) {
+    const double d0 = static_cast<double>(v[k]) - c[k], d1 = static_cast<double>(v[k + 1]) - c[k + 1];
+    const double d2 = static_cast<double>(v[k + 2]) - c[k + 2], d3 = static_cast<double>(v[k + 3]) - c[k + 3];
+    a0 += d0 * d0, a1 += d1 * d1, a2 += d2 * d2, a3 += d3 * d3;
+  }
+  for (; k < dim; ++k) {
+    const double d = static_cast<double>(v[k]) - c[k];
+    a0 += d * d;
+  }
+  return (a0 + a1) + (a2 + a3);
+}
+
+#ifdef XKL_VQ_HAVE_AVX2
+__attribute__((target("avx2"))) inline double lanes(__m256d a) {
+  const __m128d s = _mm_add_pd(_mm256_castpd256_pd128(a), _mm256_extractf128_pd(a, 1));
+  return _mm_cvtsd_f64(_mm_add_sd(s, _mm_unpackhi_pd(s, s)));
+}
+
+// quickSquares to two centroids at once, four elements per step.
+__attribute__((target("avx2"))) void quickSquaresAvx2(const float *v, const float *l, const float *r, int dim,
+                                                     double &ql, double &qr) {
+  __m256d al = _mm256_setzero_pd(), ar = al;
+  int k = 0;
+  for (; k + 4 <= dim; k += 4) {
+    const __m256d x = _mm256_cvtps_pd(_mm_loadu_ps(v + k));
+    const __m256d dl = _mm256_sub_pd(x, _mm256_cvtps_pd(_mm_loadu_ps(l + k)));
+    const __m256d dr = _mm256_sub_pd(x, _mm256_cvtps_pd(_mm_loadu_ps(r + k)));
+    al = _mm256_add_pd(al, _mm256_mul_pd(dl, dl));
+    ar = _mm256_add_pd(ar, _mm256_mul_pd(dr, dr));
+  }
+  double sl = lanes(al), sr = lanes(ar);
+  for (; k < dim; ++k) {
+    const double dl = static_cast<double>(v[k]) - l[k], dr = static_cast<double>(v[k]) - r[k];
+    sl += dl * dl, sr += dr * dr;
+  }
+  ql = sl, qr = sr;
+}
+#endif
+
+// The float descent's choice: right when l2Distance to the right centroid is
+// not above the one to the left. The quick sums decide whenever they differ
+// by more than both roundings together (and so the roots cannot tie);
+// near-ties, tiny, infinite and NaN sums are settled by the exact distances.
+bool goRight(const float *v, const float *l, const float *r, int dim, bool simd) {
+  double ql, qr;
+#ifdef XKL_VQ_HAVE_AVX2
+  if (simd)
+    quickSquaresAvx2(v, l, r, dim, ql, qr);
+  else
+#endif
+    ql = quickSquares(v, l, dim), qr = quickSquares(v, r, dim);
+  (void)simd;
+  const double slack = (8.0 * dim + 64.0) * 0x1p-53;
+  constexpr double kTiny = 1e-280, kHuge = 1e300;
+  // Bitwise operators: the outcome is data-dependent, so no branches on it.
+  const bool inRange = (ql >= kTiny) & (qr >= kTiny) & (ql <= kHuge) & (qr <= kHuge);
+  const bool sure = inRange & ((qr <= ql * (1.0 - slack)) | (qr >= ql * (1.0 + slack)));
+  if (__builtin_expect(sure, 1)) return qr < ql;
+  return xk::vq::l2Distance(v, r, dim) <= xk::vq::l2Distance(v, l, dim);
+}
+
 void reportMissed() {
   xk::report(XK_StsBadArg, "XKsVQCodebook", "VQ is not performed for some input vectors.", kModule, 452);
 }
@@ -297,13 +370,36 @@ XKL_API void XKsVQCodebook(const XKCodebook *codebook, float *const *vectors, in
                            int dim, double *distortion) {
   double sum = 0.0;
   bool missed = false;
-  for (int n = 0; n < nVectors; ++n) {
-    const float *v = vectors[n];
-    auto dist = [&](const void *c) { return xk::vq::l2Distance(v, static_cast<const float *>(c), dim); };
-    const XKCodebookNode *leaf = descend(codebook, dist, [](double dl, double dr) { return dr <= dl; });
-    if (leaf) sum += dist(leaf->centroid);
-    missed |= leaf == nullptr;
-    if (indices) indices[n] = leaf ? leaf->leafNumber : 0;
+  // Vectors descend in groups, one level for each member of the group in
+  // turn: their distance sums are independent, so the processor overlaps
+  // them instead of waiting on one chain of additions per level.
+  constexpr int kGroup = 8;
+  const int depth = codebook ? codebook->depth : 0;
+  const bool simd = xk::vq::simdActive();
+  for (int n0 = 0; n0 < nVectors; n0 += kGroup) {
+    const int g = nVectors - n0 < kGroup ? nVectors - n0 : kGroup;
+    const XKCodebookNode *node[kGroup];
+    const XKCodebookNode *leaf[kGroup];
+    for (int b = 0; b < g; ++b) node[b] = codebook ? codebook->root : nullptr, leaf[b] = nullptr;
+    for (int step = 0; step < depth; ++step) {
+      for (int b = 0; b < g; ++b) {
+        const XKCodebookNode *at = node[b];
+        if (leaf[b] || !at) continue;
+        if (at->isLeaf) {
+          leaf[b] = at;
+          continue;
+        }
+        node[b] = goRight(vectors[n0 + b], static_cast<const float *>(at->left->centroid),
+                          static_cast<const float *>(at->right->centroid), dim, simd)
+                      ? at->right
+                      : at->left;
+      }
+    }
+    for (int b = 0; b < g; ++b) {
+      if (leaf[b]) sum += xk::vq::l2Distance(vectors[n0 + b], static_cast<const float *>(leaf[b]->centroid), dim);
+      missed |= leaf[b] == nullptr;
+      if (indices) indices[n0 + b] = leaf[b] ? leaf[b]->leafNumber : 0;
+    }
   }
   if (missed) reportMissed();
   if (distortion) *distortion = nVectors > 0 ? sum / nVectors : 0.0;

@@ -245,9 +245,13 @@ TYPED_TEST(CodebookTest, MatchesPlainRulesAndTreeSearchMatchesPlainDescent) {
 
     // Quantization of fresh vectors: the same leaves as the plain descent.
     Data<T> q = dataSet<T>(c.kind, 200, c.dim, 999);
-    std::vector<int> idx(q.n());
-    quantize(cb, q, idx.data());
-    for (int i = 0; i < q.n(); ++i) ASSERT_EQ(idx[i], ref.descend(q.rows[i].data())) << i;
+    for (bool simd : {true, false}) {
+      xk::vq::setSimdEnabled(simd);
+      std::vector<int> idx(q.n());
+      quantize(cb, q, idx.data());
+      for (int i = 0; i < q.n(); ++i) ASSERT_EQ(idx[i], ref.descend(q.rows[i].data())) << i << " simd " << simd;
+    }
+    xk::vq::setSimdEnabled(true);
     EXPECT_TRUE(xkltest::reports().empty());
     XK_FreeCodebook(cb);
   }
