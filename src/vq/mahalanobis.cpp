@@ -218,12 +218,43 @@ XKL_TARGET_AVX2 u32 wDiagAvx2(const short *x, const short *m, const short *a, in
   return hsum32(acc) + wDiagPortable(x, m, a, n, n16);
 }
 
+// The last `tail` lanes of a 16-lane (or 8-lane) group set.
+XKL_TARGET_AVX2 inline __m256i lastLanes16(int tail) {
+  return _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<short>(tail)),
+                            _mm256_setr_epi16(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0));
+}
+XKL_TARGET_AVX2 inline __m128i lastLanes8(int tail) {
+  return _mm_cmpgt_epi16(_mm_set1_epi16(static_cast<short>(tail)), _mm_setr_epi16(7, 6, 5, 4, 3, 2, 1, 0));
+}
+
+// Rows end anywhere, so the last partial group is read as the group that
+// ends with the row (nothing past the row is touched) and the lanes already
+// summed are cleared.
 XKL_TARGET_AVX2 u32 wRowAvx2(const short *row, const short *x, const short *m, int len) {
+  if (len < 8) return wRowPortable(row, x, m, len, 0);
+  if (len < 16) {
+    const __m128i d0 = _mm_sub_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(x)),
+                                     _mm_loadu_si128(reinterpret_cast<const __m128i *>(m)));
+    __m128i acc = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row)), d0);
+    const int e = len - 8;
+    const __m128i d1 = _mm_sub_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(x + e)),
+                                     _mm_loadu_si128(reinterpret_cast<const __m128i *>(m + e)));
+    const __m128i a1 = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + e)), lastLanes8(len - 8));
+    acc = _mm_add_epi32(acc, _mm_madd_epi16(a1, d1));
+    acc = _mm_add_epi32(acc, _mm_shuffle_epi32(acc, 0x4E));
+    acc = _mm_add_epi32(acc, _mm_shuffle_epi32(acc, 0xB1));
+    return static_cast<u32>(_mm_cvtsi128_si32(acc));
+  }
   __m256i acc = _mm256_setzero_si256();
   const int len16 = len & ~15;
   for (int j = 0; j < len16; j += 16)
     acc = _mm256_add_epi32(acc, _mm256_madd_epi16(load16(row + j), _mm256_sub_epi16(load16(x + j), load16(m + j))));
-  return hsum32(acc) + wRowPortable(row, x, m, len, len16);
+  if (len16 < len) {
+    const int e = len - 16;
+    const __m256i a = _mm256_and_si256(load16(row + e), lastLanes16(len - len16));
+    acc = _mm256_add_epi32(acc, _mm256_madd_epi16(a, _mm256_sub_epi16(load16(x + e), load16(m + e))));
+  }
+  return hsum32(acc);
 }
 #endif
 
