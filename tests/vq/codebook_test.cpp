@@ -251,6 +251,22 @@ TYPED_TEST(CodebookTest, MatchesPlainRulesAndTreeSearchMatchesPlainDescent) {
       quantize(cb, q, idx.data());
       for (int i = 0; i < q.n(); ++i) ASSERT_EQ(idx[i], ref.descend(q.rows[i].data())) << i << " simd " << simd;
     }
+    // Distortion: the mean distance to the chosen codewords (the 16-bit form
+    // sums int distances and converts the mean with the scalar conversion).
+    double sum = 0;
+    for (int i = 0; i < q.n(); ++i) {
+      const double dd = norm(q.rows[i].data(), leaves[ref.descend(q.rows[i].data()) - 1]->centroid.data(), c.dim);
+      sum += std::is_same_v<T, short> ? (double)(int)dd : dd;
+    }
+    if constexpr (std::is_same_v<T, float>) {
+      double got = -1;
+      XKsVQCodebook(cb, q.table(), nullptr, q.n(), c.dim, &got);
+      EXPECT_NEAR(got, sum / q.n(), 1e-12 * sum);
+    } else {
+      int got = -1, scale = 0, want = XKdiConvertDown(sum / q.n(), 0, &scale);
+      XKwVQCodebook(cb, q.table(), nullptr, q.n(), c.dim, &got, 0, nullptr);
+      EXPECT_EQ(got, want);
+    }
     xk::vq::setSimdEnabled(true);
     EXPECT_TRUE(xkltest::reports().empty());
     XK_FreeCodebook(cb);
