@@ -70,8 +70,8 @@ std::uint64_t isqrt64(std::uint64_t v) {
 // the int range.
 int scaledSaturated(std::uint64_t v, int s) {
   if (s > 0) v = s >= 64 ? 0 : v >> s;
-  else if (s < 0) {
-    if (v != 0 && (s <= -63 || v > (static_cast<std::uint64_t>(INT_MAX) >> -s))) return INT_MAX;
+  else if (s < 0 && v != 0) {
+    if (s <= -63 || v > (static_cast<std::uint64_t>(INT_MAX) >> -s)) return INT_MAX;
     v <<= -s;
   }
   return v > static_cast<std::uint64_t>(INT_MAX) ? INT_MAX : static_cast<int>(v);
@@ -83,6 +83,7 @@ extern "C" {
 
 XKL_API void XKsVQKohonen(const float *x, float *const *codewords, float *dist, int dim, int n, int *best,
                           int nBest, int takeRoot) {
+  if (n < 1) return;
   for (int k = 0; k < n; ++k) {
     const float *c = codewords[k];
     if (dim < 2) {
