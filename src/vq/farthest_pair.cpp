@@ -105,22 +105,22 @@ XKL_TARGET_AVX2 void squaresAvx2(const double *p, const double *blocks, int dim,
 #endif
 
 struct Scratch {
-  double *points = nullptr, *blocks = nullptr, *radius = nullptr, *sortedRadius = nullptr, *mean = nullptr;
+  double *row = nullptr, *blocks = nullptr, *radius = nullptr, *sortedRadius = nullptr, *mean = nullptr;
   int *order = nullptr;
   ~Scratch() {
-    std::free(points), std::free(blocks), std::free(radius), std::free(sortedRadius), std::free(mean);
+    std::free(row), std::free(blocks), std::free(radius), std::free(sortedRadius), std::free(mean);
     std::free(order);
   }
   bool allocate(int count, int dim) {
     const std::size_t n = static_cast<std::size_t>(count), d = static_cast<std::size_t>(dim);
     const std::size_t nBlocks = (n + kLanes - 1) / kLanes;
-    points = static_cast<double *>(std::malloc(n * d * sizeof(double)));
+    row = static_cast<double *>(std::malloc(d * sizeof(double)));
     blocks = static_cast<double *>(std::calloc(nBlocks * kLanes * d, sizeof(double)));
     radius = static_cast<double *>(std::malloc(n * sizeof(double)));
     sortedRadius = static_cast<double *>(std::malloc(n * sizeof(double)));
     mean = static_cast<double *>(std::calloc(d, sizeof(double)));
     order = static_cast<int *>(std::malloc(n * sizeof(int)));
-    return points && blocks && radius && sortedRadius && mean && order;
+    return row && blocks && radius && sortedRadius && mean && order;
   }
 };
 
@@ -133,17 +133,14 @@ FarPair farthestPair(T *const *vectors, const int *members, int count, int dim) 
   if (!s.allocate(count, dim)) return farthestPairPlain(vectors, members, count, dim);
   const std::size_t d = static_cast<std::size_t>(dim);
 
-  for (int i = 0; i < count; ++i) {
-    const T *v = vectors[members[i]];
-    for (int k = 0; k < dim; ++k) s.points[i * d + k] = static_cast<double>(v[k]);
-  }
+  auto at = [&](int i, int k) { return static_cast<double>(vectors[members[i]][k]); };
   for (int i = 0; i < count; ++i)
-    for (int k = 0; k < dim; ++k) s.mean[k] += s.points[i * d + k];
+    for (int k = 0; k < dim; ++k) s.mean[k] += at(i, k);
   for (int k = 0; k < dim; ++k) s.mean[k] /= count;
   for (int i = 0; i < count; ++i) {
     double acc = 0.0;
     for (int k = 0; k < dim; ++k) {
-      const double e = s.points[i * d + k] - s.mean[k];
+      const double e = at(i, k) - s.mean[k];
       acc += e * e;
     }
     s.radius[i] = std::sqrt(acc);
@@ -157,7 +154,7 @@ FarPair farthestPair(T *const *vectors, const int *members, int count, int dim) 
   for (int t = 0; t < count; ++t) {
     s.sortedRadius[t] = s.radius[s.order[t]];
     double *blk = s.blocks + static_cast<std::size_t>(t / kLanes) * d * kLanes;
-    for (int k = 0; k < dim; ++k) blk[k * kLanes + t % kLanes] = s.points[s.order[t] * d + k];
+    for (int k = 0; k < dim; ++k) blk[k * kLanes + t % kLanes] = at(s.order[t], k);
   }
 
 #ifdef XKL_VQ_HAVE_AVX2
@@ -171,7 +168,8 @@ FarPair farthestPair(T *const *vectors, const int *members, int count, int dim) 
   for (int a = 0; a + 1 < count; ++a) {
     // Radii are sorted downwards: no later row can beat this bound either.
     if (skippable(s.sortedRadius[a] + s.sortedRadius[a + 1])) break;
-    const double *p = s.points + s.order[a] * d;
+    for (int k = 0; k < dim; ++k) s.row[k] = at(s.order[a], k);
+    const double *p = s.row;
     for (int b = (a + 1) / kLanes; b < nBlocks;) {
       const int first = std::max(b * kLanes, a + 1);
       if (skippable(s.sortedRadius[a] + s.sortedRadius[first])) break;
