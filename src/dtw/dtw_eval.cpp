@@ -25,7 +25,7 @@ constexpr double kNoScore = 3.4e38;
 // 3.3999999521e38, which lies just below the double kNoScore.
 constexpr float kInf = 3.4e38f;
 constexpr int32_t kUnreachable = 0x7FFFFFFF;
-constexpr int kPad = 16;  // cells of slack on each side of a column
+constexpr int kPad = 32;  // cells of slack on each side of a column (vector over-reads)
 
 // Smallest float f with (double)f >= t, so that for any float a,
 // a >= f  <=>  (double)a >= t  and  a < f  <=>  (double)a < t (NaN false).
@@ -84,13 +84,10 @@ struct Work {
   ~Work() { std::free(block); }
 };
 
-// Widens a reference of M frames (row pointers) into the transposed table.
+// Widens a pattern's table into the work table.
 template <class T>
-void loadReference(Work &w, const T *const *rows, int M) {
-  for (int j = 0; j < M; ++j) {
-    const T *row = rows[j];
-    for (int k = 0; k < w.dim; ++k) w.ref[k * w.ld + j] = static_cast<double>(row[k]);
-  }
+void loadReference(Work &w, T **rows, int M) {
+  widenTransposed(const_cast<const T *const *>(rows), M, w.dim, w.ref, w.ld);
 }
 
 // The float recurrence of one admitted pattern of M frames whose reference
@@ -123,30 +120,17 @@ double floatPattern(Work &w, int M, int D, bool l1, double T) {
     }
     if (!any) return T;
   }
+  // Inner frames: predecessor choice (horizontal unless taken last time,
+  // ties to the diagonal, the skip only when strictly better), pruning,
+  // then the local distances of the cells still measured.
   for (int i = 1; i < N - 1; ++i) {
     const int s = w.start[i], e = w.end[i];
-    // Predecessor choice, descending so that A[j-1] and A[j-2] still hold
-    // the previous frame: horizontal unless taken last time, ties to the
-    // diagonal, the skip only when strictly better.
-    for (int j = e; j >= s; --j) {
-      float c = F[j] ? kInf : A[j];
-      int32_t h = 1;
-      if (A[j - 1] <= c) c = A[j - 1], h = 0;
-      if (A[j - 2] < c) c = A[j - 2], h = 0;
-      A[j] = c;
-      F[j] = h;
-    }
+    const bool any = floatStep(A, F, s, e, tf, kInf);
     A[s - 1] = kInf;
     A[s - 2] = kInf;
-    bool any = false;
-    for (int j = s; j <= e; ++j) {
-      if (A[j] >= tf) A[j] = kInf;
-      if (A[j] < tf) any = true;
-    }
     if (!any) return T;
     localDistances(w.X + static_cast<int64_t>(i) * w.dim, w.ref, w.ld, w.dim, s, e, l1, dist);
-    for (int j = s; j <= e; ++j)
-      if (A[j] < kMeasureBelow) A[j] += static_cast<float>(dist[j]);
+    floatAddDistances(A, dist, s, e, kMeasureBelow);
   }
   // Last test frame: every cell is measured; a blocked horizontal step
   // costs the threshold; the best end is the smallest value below T, the
@@ -219,7 +203,7 @@ int32_t intPattern(Work &w, int M, int D, bool l1, int32_t T, const IntDistance 
     const int s = w.start[i], e = w.end[i];
     for (int j = e; j >= s; --j) {
       int32_t c = F[j] ? kUnreachable : A[j];
-      int32_t h = 1;
+      int32_t h = -1;
       if (A[j - 1] <= c) c = A[j - 1], h = 0;
       if (A[j - 2] < c) c = A[j - 2], h = 0;
       A[j] = c;

@@ -30,9 +30,36 @@ void computeBand(int nTest, int M, int D, int *start, int *end);
 void localDistances(const double *x, const double *ref, int64_t ld, int dim, int j0, int j1, bool l1,
                     double *out);
 
-// Pins the portable kernels (false) or lets the AVX2 ones run where the
-// processor has them (true, the default). For tests and benchmarks.
-void setDtwSimdEnabled(bool on);
-bool dtwSimdActive();
+// Widens M reference frames of dim values (rows[j] points to frame j) into
+// the transposed double table ref (value k of frame j at ref[k * ld + j]).
+// Columns M .. M+7 may be written too. The float form reads each row up to
+// dim rounded up to 8 values, as the rows of an XKsAlloc2 table allow.
+template <class T>
+void widenTransposed(const T *const *rows, int M, int dim, double *ref, int64_t ld) {
+  for (int j0 = 0; j0 < M; j0 += 8) {  // eight frames at a time: few lines touched
+    const int n = M - j0 < 8 ? M - j0 : 8;
+    for (int k = 0; k < dim; ++k)
+      for (int j = 0; j < n; ++j) ref[k * ld + j0 + j] = static_cast<double>(rows[j0 + j][k]);
+  }
+}
+void widenTransposed(const float *const *rows, int M, int dim, double *ref, int64_t ld);
+
+// One inner test frame of the float recurrence over the band s..e of the
+// column A (flags F: -1 where the last step was horizontal, else 0), as
+// described in dtw_eval.cpp: predecessor choice (descending, in place), then
+// cells at or above tf become the sentinel inf. Returns true when a band
+// cell is below tf afterwards. Reads A and F down to s - 17.
+bool floatStep(float *A, int32_t *F, int s, int e, float tf, float inf);
+
+// A[j] += (float)dist[j] for s <= j <= e where A[j] < measureBelow.
+void floatAddDistances(float *A, const double *dist, int s, int e, float measureBelow);
+
+// Instruction sets of the DTW kernels, in increasing order. The best one
+// the processor offers runs unless a test or benchmark caps it.
+enum class DtwIsa { Portable = 0, Avx2 = 1, Avx512 = 2 };
+DtwIsa dtwIsaAvailable();
+DtwIsa activeDtwIsa();
+// Caps the kernels of every thread at `isa` and returns the previous cap.
+DtwIsa setDtwIsa(DtwIsa isa);
 
 }  // namespace xk::dtw

@@ -125,12 +125,14 @@ std::vector<float *> rows(Matrix &m) {
   return p;
 }
 
+constexpr xk::dtw::DtwIsa kIsas[] = {xk::dtw::DtwIsa::Avx512, xk::dtw::DtwIsa::Avx2, xk::dtw::DtwIsa::Portable};
+
 class DtwEval : public xkltest::ReportingTest {
  protected:
   void TearDown() override {
     XKsPatternFreeAll();
     XKwPatternFreeAll();
-    xk::dtw::setDtwSimdEnabled(true);
+    xk::dtw::setDtwIsa(xk::dtw::DtwIsa::Avx512);
     ReportingTest::TearDown();
   }
 };
@@ -164,8 +166,9 @@ TEST_F(DtwEval, FloatScoresEqualTheFullMatrixReference) {
         }
         auto t = rows(test);
         for (int flags : {0, 1, 64, 65, 128, 129, 192, 193})
-          for (bool simd : {true, false}) {
-            xk::dtw::setDtwSimdEnabled(simd);
+          for (auto isa : kIsas) {
+            if (isa > xk::dtw::dtwIsaAvailable()) continue;
+            xk::dtw::setDtwIsa(isa);
             const double T = flags & 64 ? 0.6 * N * (coarse ? 1.0 : 2.0) : 3.4e38;
             std::vector<double> scores(ids.size());
             const int best = XKsEvalDTW(ids.data(), static_cast<int>(ids.size()), t.data(), N, dim, flags, T, delta,
@@ -178,7 +181,7 @@ TEST_F(DtwEval, FloatScoresEqualTheFullMatrixReference) {
               const bool in = M >= lo && M <= 2 * N - 1 + D;
               const double want = in ? floatReference(test, refs[p], D, flags, flags & 64 ? T : 3.4e38) : 3.4e38;
               EXPECT_EQ(scores[p], want) << "N " << N << " M " << M << " delta " << delta << " flags " << flags
-                                         << " coarse " << coarse << " simd " << simd;
+                                         << " coarse " << coarse << " isa " << static_cast<int>(isa);
               if (want < bestScore) bestScore = want, expectBest = static_cast<int>(p);
               compared += in;
               pruned += in && want == T;
@@ -258,6 +261,7 @@ TEST_F(DtwEval, IntegerPathEqualsItsReferenceAndTheFloatPath) {
     }
     for (int flags : {0, 1, 64, 65, 128, 129, 192, 193})
       for (int scaleMode : {0, 1, 3}) {
+        xk::dtw::setDtwIsa(kIsas[(flags / 64 + scaleMode) % 3]);  // every kernel, over the cases
         int factor = 2;
         const int T = flags & 64 ? 1500 * N : 0x7FFFFFFF;
         std::vector<int> scores(ids.size());
