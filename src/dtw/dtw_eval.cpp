@@ -125,12 +125,11 @@ double floatPattern(Work &w, int M, int D, bool l1, double T) {
   // then the local distances of the cells still measured.
   for (int i = 1; i < N - 1; ++i) {
     const int s = w.start[i], e = w.end[i];
-    const bool any = floatStep(A, F, s, e, tf, kInf);
+    if (!floatFrame(A, F, s, e, tf, kInf, kMeasureBelow, w.X + static_cast<int64_t>(i) * w.dim, w.ref, w.ld, w.dim,
+                    l1, dist))
+      return T;
     A[s - 1] = kInf;
     A[s - 2] = kInf;
-    if (!any) return T;
-    localDistances(w.X + static_cast<int64_t>(i) * w.dim, w.ref, w.ld, w.dim, s, e, l1, dist);
-    floatAddDistances(A, dist, s, e, kMeasureBelow);
   }
   // Last test frame: every cell is measured; a blocked horizontal step
   // costs the threshold; the best end is the smallest value below T, the

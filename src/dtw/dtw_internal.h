@@ -54,6 +54,13 @@ bool floatStep(float *A, int32_t *F, int s, int e, float tf, float inf);
 // A[j] += (float)dist[j] for s <= j <= e where A[j] < measureBelow.
 void floatAddDistances(float *A, const double *dist, int s, int e, float measureBelow);
 
+// A whole inner frame: floatStep, then the local distances of test frame
+// x against ref (as localDistances) added by floatAddDistances; returns
+// floatStep's result (the column is meaningless when it is false). dist is
+// scratch for the paths that run the three steps apart.
+bool floatFrame(float *A, int32_t *F, int s, int e, float tf, float inf, float measureBelow, const double *x,
+                const double *ref, int64_t ld, int dim, bool l1, double *dist);
+
 // Instruction sets of the DTW kernels, in increasing order. The best one
 // the processor offers runs unless a test or benchmark caps it.
 enum class DtwIsa { Portable = 0, Avx2 = 1, Avx512 = 2 };

@@ -8,9 +8,11 @@
 // bits. Multiply and add stay separate (no FMA) for the same reason. The
 // vector paths keep 16 (AVX2) or 32 (AVX-512) cells in registers across the
 // whole dim loop.
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 #include "dtw/dtw_internal.h"
 #include "frame/cpu.h"
@@ -24,6 +26,20 @@ namespace xk::dtw {
 namespace {
 
 std::atomic<int> isaCap{static_cast<int>(DtwIsa::Avx512)};
+
+// Compilers may fuse a product and a following sum into one FMA, which
+// rounds once instead of twice and so changes the bits of a distance. The
+// empty asm hands the rounded product over as an opaque value.
+#ifdef XKL_DTW_X86
+__attribute__((target("avx2"), always_inline)) inline __m256d rounded(__m256d v) {
+  __asm__("" : "+v"(v));
+  return v;
+}
+__attribute__((target("avx512f"), always_inline)) inline __m512d rounded(__m512d v) {
+  __asm__("" : "+v"(v));
+  return v;
+}
+#endif
 
 int64_t floorDiv(int64_t a, int64_t b) { return a >= 0 ? a / b : -((-a + b - 1) / b); }
 int64_t ceilDiv(int64_t a, int64_t b) { return -floorDiv(-a, b); }
@@ -41,7 +57,7 @@ void distancesPortable(const double *x, const double *ref, int64_t ld, int dim, 
     else
       for (int j = 0; j < n; ++j) {
         const double d = xk - r[j];
-        acc[j] += d * d;
+        acc[j] += d * d;  // built without FMA, like kfxsNorm
       }
   }
   if (!l1)
@@ -79,7 +95,7 @@ template <bool L1>
 XKL_INLINE_AVX2 __m256d term256(__m256d xk, const double *r, __m256d acc) {
   const __m256d d = _mm256_sub_pd(xk, _mm256_loadu_pd(r));
   if constexpr (L1) return _mm256_add_pd(acc, _mm256_andnot_pd(_mm256_set1_pd(-0.0), d));
-  return _mm256_add_pd(acc, _mm256_mul_pd(d, d));
+  return _mm256_add_pd(acc, rounded(_mm256_mul_pd(d, d)));
 }
 
 template <bool L1>
@@ -128,11 +144,19 @@ __attribute__((target("avx2"))) void distancesAvx2(const double *x, const double
   }
 }
 
+// GCC 12 warns inside its own AVX-512 intrinsics (an "undefined"
+// pass-through operand); the warning says nothing about this code.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#endif
+
 template <bool L1>
 XKL_INLINE_AVX512 __m512d term512(__m512d xk, const double *r, __m512d acc) {
   const __m512d d = _mm512_sub_pd(xk, _mm512_loadu_pd(r));
   if constexpr (L1) return _mm512_add_pd(acc, _mm512_abs_pd(d));
-  return _mm512_add_pd(acc, _mm512_mul_pd(d, d));
+  return _mm512_add_pd(acc, rounded(_mm512_mul_pd(d, d)));
 }
 
 template <bool L1>
@@ -266,6 +290,104 @@ __attribute__((target("avx512f,avx2"))) void widenAvx512(const float *const *row
   }
 }
 
+// Eight doubles rounded to floats into the low or high half of a vector.
+XKL_INLINE_AVX512 __m512 withHalf(__m512 v, __m512d d, bool high) {
+  const __m256d f = _mm256_castps_pd(_mm512_cvtpd_ps(d));
+  return _mm512_castpd_ps(high ? _mm512_insertf64x4(_mm512_castps_pd(v), f, 1)
+                               : _mm512_insertf64x4(_mm512_castps_pd(v), f, 0));
+}
+
+// One pass over the cells j0 .. j0+8Q+4R-1 of an inner frame (those below
+// s untouched): the step and pruning of floatStepAvx512, the local
+// distances of all cells in one dim loop (Q eight-cell vectors and R
+// four-cell vectors, so that enough independent sums are in flight), and
+// the sums, stored once. Every read of the previous frame happens before
+// the pass stores, and a lower pass reads only below j0, so the column is
+// updated in place from the top of the band down.
+template <bool L1, int Q, int R>
+__attribute__((target("avx512f,avx2"))) __mmask16 framePass(float *A, int32_t *F, int j0, int s, float tf,
+                                                            float inf, float measureBelow, const double *x,
+                                                            const double *ref, int64_t ld, int dim) {
+  constexpr int kLanes = 8 * Q + 4 * R;
+  constexpr int kChunks = (kLanes + 15) / 16;
+  const int top = j0 + kLanes - 1;
+  const __m512 vInf = _mm512_set1_ps(inf), t = _mm512_set1_ps(tf);
+  __m512 c[kChunks];
+  __mmask16 valid[kChunks], horizontal[kChunks], any = 0;
+  for (int h = 0; h < kChunks; ++h) {
+    const int b = j0 + 16 * h;
+    const int lo = s > b ? s - b : 0, hi = top - b < 15 ? top - b : 15;
+    valid[h] = static_cast<__mmask16>(lo <= hi ? ((2u << hi) - 1) & ~((1u << lo) - 1) : 0);
+    const __m512 a0 = _mm512_loadu_ps(A + b), a1 = _mm512_loadu_ps(A + b - 1), a2 = _mm512_loadu_ps(A + b - 2);
+    const __m512i f = _mm512_loadu_si512(F + b);
+    __m512 v = _mm512_mask_mov_ps(a0, _mm512_test_epi32_mask(f, f), vInf);
+    const __mmask16 diagonal = _mm512_cmp_ps_mask(a1, v, _CMP_LE_OQ);
+    v = _mm512_mask_mov_ps(v, diagonal, a1);
+    const __mmask16 skip = _mm512_cmp_ps_mask(a2, v, _CMP_LT_OQ);
+    v = _mm512_mask_mov_ps(v, skip, a2);
+    v = _mm512_mask_mov_ps(v, _mm512_cmp_ps_mask(v, t, _CMP_GE_OQ), vInf);
+    any |= _mm512_mask_cmp_ps_mask(valid[h], v, t, _CMP_LT_OQ);
+    horizontal[h] = static_cast<__mmask16>(~(diagonal | skip));
+    c[h] = v;
+  }
+  __m512d acc[Q > 0 ? Q : 1];
+  for (auto &v : acc) v = _mm512_setzero_pd();
+  __m256d tail = _mm256_setzero_pd();
+  const double *r = ref + j0;
+  for (int k = 0; k < dim; ++k, r += ld) {
+    const __m512d xk = _mm512_set1_pd(x[k]);
+    for (int q = 0; q < Q; ++q) acc[q] = term512<L1>(xk, r + 8 * q, acc[q]);
+    if constexpr (R > 0) tail = term256<L1>(_mm512_castpd512_pd256(xk), r + 8 * Q, tail);
+  }
+  // Distances as floats, sixteen to a chunk: vector q fills half q of the
+  // chunks, the four-cell vector the half after them.
+  __m512 d[kChunks];
+  for (auto &v : d) v = _mm512_setzero_ps();
+  for (int q = 0; q < Q; ++q) d[q / 2] = withHalf(d[q / 2], finish512<L1>(acc[q]), q % 2 != 0);
+  if constexpr (R > 0) {
+    const __m256d f4 = _mm256_castps_pd(_mm256_castps128_ps256(_mm256_cvtpd_ps(finish256<L1>(tail))));
+    const __m256d half = _mm256_castps_pd(_mm256_insertf128_ps(_mm256_castpd_ps(f4), _mm_setzero_ps(), 1));
+    d[Q / 2] = _mm512_castpd_ps(Q % 2 ? _mm512_insertf64x4(_mm512_castps_pd(d[Q / 2]), half, 1)
+                                      : _mm512_insertf64x4(_mm512_castps_pd(d[Q / 2]), half, 0));
+  }
+  const __m512 limit = _mm512_set1_ps(measureBelow);
+  const __m512i allOnes = _mm512_set1_epi32(-1);
+  for (int h = 0; h < kChunks; ++h) {
+    const int b = j0 + 16 * h;
+    const __mmask16 measured = _mm512_mask_cmp_ps_mask(valid[h], c[h], limit, _CMP_LT_OQ);
+    _mm512_mask_storeu_ps(A + b, valid[h], _mm512_mask_add_ps(c[h], measured, c[h], d[h]));
+    _mm512_mask_storeu_epi32(F + b, valid[h], _mm512_maskz_mov_epi32(horizontal[h], allOnes));
+  }
+  return any;
+}
+
+using FramePass = __mmask16 (*)(float *, int32_t *, int, int, float, float, float, const double *, const double *,
+                                int64_t, int);
+
+// Passes by width in four-cell steps: entry m covers 4m cells (m = 1..16).
+template <bool L1, int... M>
+constexpr std::array<FramePass, sizeof...(M)> passTable(std::integer_sequence<int, M...>) {
+  return {&framePass<L1, (M + 1) / 2, (M + 1) % 2>...};
+}
+
+// A whole inner frame: passes of up to 64 cells from the top of the band
+// down, each as narrow as the cells left allow (a multiple of four).
+template <bool L1>
+__attribute__((target("avx512f,avx2"))) bool floatFrameAvx512(float *A, int32_t *F, int s, int e, float tf,
+                                                              float inf, float measureBelow, const double *x,
+                                                              const double *ref, int64_t ld, int dim) {
+  static constexpr auto kPasses = passTable<L1>(std::make_integer_sequence<int, 16>());
+  __mmask16 any = 0;
+  for (int top = e; top >= s;) {
+    const int n = top - s + 1;
+    const int m = n >= 64 ? 16 : (n + 3) / 4;  // four-cell groups in this pass
+    const int j0 = top - 4 * m + 1;
+    any |= kPasses[m - 1](A, F, j0, s, tf, inf, measureBelow, x, ref, ld, dim);
+    top = j0 - 1;
+  }
+  return any != 0;
+}
+
 __attribute__((target("avx2"))) void addAvx2(float *A, const double *dist, int s, int e, float measureBelow) {
   const __m256 limit = _mm256_set1_ps(measureBelow);
   int j = s;
@@ -277,6 +399,10 @@ __attribute__((target("avx2"))) void addAvx2(float *A, const double *dist, int s
   }
   addPortable(A, dist, j, e, measureBelow);
 }
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #endif
 
 }  // namespace
@@ -356,6 +482,19 @@ void widenTransposed(const float *const *rows, int M, int dim, double *ref, int6
   if (activeDtwIsa() == DtwIsa::Avx512) return widenAvx512(rows, M, dim, ref, ld);
 #endif
   widenTransposed<float>(rows, M, dim, ref, ld);
+}
+
+bool floatFrame(float *A, int32_t *F, int s, int e, float tf, float inf, float measureBelow, const double *x,
+                const double *ref, int64_t ld, int dim, bool l1, double *dist) {
+#ifdef XKL_DTW_X86
+  if (activeDtwIsa() == DtwIsa::Avx512)
+    return l1 ? floatFrameAvx512<true>(A, F, s, e, tf, inf, measureBelow, x, ref, ld, dim)
+              : floatFrameAvx512<false>(A, F, s, e, tf, inf, measureBelow, x, ref, ld, dim);
+#endif
+  if (!floatStep(A, F, s, e, tf, inf)) return false;
+  localDistances(x, ref, ld, dim, s, e, l1, dist);
+  floatAddDistances(A, dist, s, e, measureBelow);
+  return true;
 }
 
 void floatAddDistances(float *A, const double *dist, int s, int e, float measureBelow) {

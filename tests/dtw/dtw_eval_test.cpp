@@ -195,6 +195,37 @@ TEST_F(DtwEval, FloatScoresEqualTheFullMatrixReference) {
   EXPECT_TRUE(xkltest::reports().empty());
 }
 
+// The distance kernels against kfxsNorm in double, bit for bit (a fused
+// multiply-add would show here long before it changes a float score).
+TEST_F(DtwEval, LocalDistancesEqualTheNormKernelInEveryIsa) {
+  std::mt19937 gen(29);
+  for (int dim : {1, 7, 39}) {
+    const int M = 70;
+    const int64_t ld = M + 32;
+    // Wide exponents make x - r carry more than 26 bits, so its square is
+    // inexact and a fused multiply-add would round differently.
+    Matrix ref = randomFrames(gen, M, dim, false), x = randomFrames(gen, 1, dim, false);
+    for (auto *m : {&ref, &x})
+      for (auto &row : *m)
+        for (auto &v : row) v = std::ldexp(v, static_cast<int>(gen() % 41) - 20);
+    std::vector<double> T(dim * ld), xd(x[0].begin(), x[0].end()), out(ld + 16);
+    for (int j = 0; j < M; ++j)
+      for (int k = 0; k < dim; ++k) T[k * ld + j] = ref[j][k];
+    for (auto isa : kIsas) {
+      if (isa > xk::dtw::dtwIsaAvailable()) continue;
+      xk::dtw::setDtwIsa(isa);
+      for (bool l1 : {false, true})
+        for (int j0 : {0, 3, 17})
+          for (int j1 : {j0, j0 + 2, j0 + 5, j0 + 13, j0 + 30, M - 1}) {
+            xk::dtw::localDistances(xd.data(), T.data(), ld, dim, j0, j1, l1, out.data());
+            for (int j = j0; j <= j1; ++j)
+              ASSERT_EQ(out[j], kfxsNorm(x[0].data(), ref[j].data(), dim, l1 ? KFX_L1 : KFX_L2))
+                  << "isa " << static_cast<int>(isa) << " dim " << dim << " cells " << j0 << ".." << j1;
+          }
+    }
+  }
+}
+
 // The listed cases, on one test of 12 frames of dim 3.
 TEST_F(DtwEval, IdentityExclusionThresholdTiesAndFixedEnds) {
   std::mt19937 gen(3);
