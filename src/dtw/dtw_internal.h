@@ -61,6 +61,26 @@ void floatAddDistances(float *A, const double *dist, int s, int e, float measure
 bool floatFrame(float *A, int32_t *F, int s, int e, float tf, float inf, float measureBelow, const double *x,
                 const double *ref, int64_t ld, int dim, bool l1, double *dist);
 
+// Integer local distance: the norm v times scale (a power of two; exact
+// for every 16-bit norm), truncated toward zero, saturated at 0x7FFFFFFF.
+inline int32_t intDistance(double v, double scale) {
+  v *= scale;
+  return v >= 2147483647.0 ? 0x7FFFFFFF : static_cast<int32_t>(v);
+}
+
+// a + b for 0 <= a, b <= 0x7FFFFFFF as an unsigned sum clamped to
+// 0x7FFFFFFF, so an unreachable cell stays unreachable.
+inline int32_t satAddInt(int32_t a, int32_t b) {
+  const uint32_t s = static_cast<uint32_t>(a) + static_cast<uint32_t>(b);
+  return s > 0x7FFFFFFFu ? 0x7FFFFFFF : static_cast<int32_t>(s);
+}
+
+// floatFrame on 32-bit cells: inf is the unreachable value, T the integer
+// threshold (signed comparisons), and every band cell gets its distance
+// (intDistance with `scale`) added with satAddInt.
+bool intFrame(int32_t *A, int32_t *F, int s, int e, int32_t T, int32_t inf, double scale, const double *x,
+              const double *ref, int64_t ld, int dim, bool l1, double *dist);
+
 // Instruction sets of the DTW kernels, in increasing order. The best one
 // the processor offers runs unless a test or benchmark caps it.
 enum class DtwIsa { Portable = 0, Avx2 = 1, Avx512 = 2 };

@@ -290,43 +290,88 @@ __attribute__((target("avx512f,avx2"))) void widenAvx512(const float *const *row
   }
 }
 
-// Eight doubles rounded to floats into the low or high half of a vector.
-XKL_INLINE_AVX512 __m512 withHalf(__m512 v, __m512d d, bool high) {
-  const __m256d f = _mm256_castps_pd(_mm512_cvtpd_ps(d));
-  return _mm512_castpd_ps(high ? _mm512_insertf64x4(_mm512_castps_pd(v), f, 1)
-                               : _mm512_insertf64x4(_mm512_castps_pd(v), f, 0));
-}
+// Cell arithmetic of the fused passes. Float cells: the sentinel, the
+// threshold as the smallest float not below it, distances rounded to float
+// and added only below measureBelow. Integer cells: signed comparisons,
+// distances scaled by `scale` (a power of two, exact), truncated and
+// saturated, sums clamped to 0x7FFFFFFF.
+struct FloatLanes {
+  using Cell = float;
+  using Vec = __m512;
+  float inf, threshold, measureBelow;
+  XKL_INLINE_AVX512 static Vec load(const float *p) { return _mm512_loadu_ps(p); }
+  XKL_INLINE_AVX512 static Vec set1(float v) { return _mm512_set1_ps(v); }
+  XKL_INLINE_AVX512 static Vec mov(Vec a, __mmask16 m, Vec b) { return _mm512_mask_mov_ps(a, m, b); }
+  XKL_INLINE_AVX512 static __mmask16 le(Vec a, Vec b) { return _mm512_cmp_ps_mask(a, b, _CMP_LE_OQ); }
+  XKL_INLINE_AVX512 static __mmask16 lt(__mmask16 m, Vec a, Vec b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_LT_OQ); }
+  XKL_INLINE_AVX512 static __mmask16 ge(Vec a, Vec b) { return _mm512_cmp_ps_mask(a, b, _CMP_GE_OQ); }
+  XKL_INLINE_AVX512 __m256d half(__m512d d) const { return _mm256_castps_pd(_mm512_cvtpd_ps(d)); }
+  XKL_INLINE_AVX2_IN_512 __m128 quarter(__m256d d) const { return _mm256_cvtpd_ps(d); }
+  XKL_INLINE_AVX512 Vec add(Vec c, Vec d, __mmask16 valid) const {
+    const __mmask16 measured = _mm512_mask_cmp_ps_mask(valid, c, _mm512_set1_ps(measureBelow), _CMP_LT_OQ);
+    return _mm512_mask_add_ps(c, measured, c, d);
+  }
+  XKL_INLINE_AVX512 static void store(float *p, __mmask16 m, Vec v) { _mm512_mask_storeu_ps(p, m, v); }
+  XKL_INLINE_AVX512 static Vec fromBits(__m512 v) { return v; }
+};
+
+struct IntLanes {
+  using Cell = int32_t;
+  using Vec = __m512i;
+  int32_t inf, threshold;
+  double scale;
+  XKL_INLINE_AVX512 static Vec load(const int32_t *p) { return _mm512_loadu_si512(p); }
+  XKL_INLINE_AVX512 static Vec set1(int32_t v) { return _mm512_set1_epi32(v); }
+  XKL_INLINE_AVX512 static Vec mov(Vec a, __mmask16 m, Vec b) { return _mm512_mask_mov_epi32(a, m, b); }
+  XKL_INLINE_AVX512 static __mmask16 le(Vec a, Vec b) { return _mm512_cmp_epi32_mask(a, b, _MM_CMPINT_LE); }
+  XKL_INLINE_AVX512 static __mmask16 lt(__mmask16 m, Vec a, Vec b) { return _mm512_mask_cmp_epi32_mask(m, a, b, _MM_CMPINT_LT); }
+  XKL_INLINE_AVX512 static __mmask16 ge(Vec a, Vec b) { return _mm512_cmp_epi32_mask(a, b, _MM_CMPINT_NLT); }
+  XKL_INLINE_AVX512 __m256d half(__m512d d) const {
+    d = _mm512_min_pd(_mm512_mul_pd(d, _mm512_set1_pd(scale)), _mm512_set1_pd(2147483647.0));
+    return _mm256_castsi256_pd(_mm512_cvttpd_epi32(d));
+  }
+  XKL_INLINE_AVX2_IN_512 __m128 quarter(__m256d d) const {
+    d = _mm256_min_pd(_mm256_mul_pd(d, _mm256_set1_pd(scale)), _mm256_set1_pd(2147483647.0));
+    return _mm_castsi128_ps(_mm256_cvttpd_epi32(d));
+  }
+  XKL_INLINE_AVX512 Vec add(Vec c, Vec d, __mmask16) const {
+    return _mm512_min_epu32(_mm512_add_epi32(c, d), _mm512_set1_epi32(0x7FFFFFFF));
+  }
+  XKL_INLINE_AVX512 static void store(int32_t *p, __mmask16 m, Vec v) { _mm512_mask_storeu_epi32(p, m, v); }
+  XKL_INLINE_AVX512 static Vec fromBits(__m512 v) { return _mm512_castps_si512(v); }
+};
 
 // One pass over the cells j0 .. j0+8Q+4R-1 of an inner frame (those below
-// s untouched): the step and pruning of floatStepAvx512, the local
-// distances of all cells in one dim loop (Q eight-cell vectors and R
-// four-cell vectors, so that enough independent sums are in flight), and
-// the sums, stored once. Every read of the previous frame happens before
-// the pass stores, and a lower pass reads only below j0, so the column is
-// updated in place from the top of the band down.
-template <bool L1, int Q, int R>
-__attribute__((target("avx512f,avx2"))) __mmask16 framePass(float *A, int32_t *F, int j0, int s, float tf,
-                                                            float inf, float measureBelow, const double *x,
-                                                            const double *ref, int64_t ld, int dim) {
+// s untouched): the step and pruning of floatStep, the local distances of
+// all cells in one dim loop (Q eight-cell vectors and R four-cell vectors,
+// so that enough independent sums are in flight), and the sums, stored
+// once. Every read of the previous frame happens before the pass stores,
+// and a lower pass reads only below j0, so the column is updated in place
+// from the top of the band down.
+template <class Lanes, bool L1, int Q, int R>
+__attribute__((target("avx512f,avx2"))) __mmask16 framePass(typename Lanes::Cell *A, int32_t *F, int j0, int s,
+                                                            const Lanes &lanes, const double *x, const double *ref,
+                                                            int64_t ld, int dim) {
+  using Vec = typename Lanes::Vec;
   constexpr int kLanes = 8 * Q + 4 * R;
   constexpr int kChunks = (kLanes + 15) / 16;
   const int top = j0 + kLanes - 1;
-  const __m512 vInf = _mm512_set1_ps(inf), t = _mm512_set1_ps(tf);
-  __m512 c[kChunks];
+  const Vec vInf = Lanes::set1(lanes.inf), t = Lanes::set1(lanes.threshold);
+  Vec c[kChunks];
   __mmask16 valid[kChunks], horizontal[kChunks], any = 0;
   for (int h = 0; h < kChunks; ++h) {
     const int b = j0 + 16 * h;
     const int lo = s > b ? s - b : 0, hi = top - b < 15 ? top - b : 15;
     valid[h] = static_cast<__mmask16>(lo <= hi ? ((2u << hi) - 1) & ~((1u << lo) - 1) : 0);
-    const __m512 a0 = _mm512_loadu_ps(A + b), a1 = _mm512_loadu_ps(A + b - 1), a2 = _mm512_loadu_ps(A + b - 2);
+    const Vec a0 = Lanes::load(A + b), a1 = Lanes::load(A + b - 1), a2 = Lanes::load(A + b - 2);
     const __m512i f = _mm512_loadu_si512(F + b);
-    __m512 v = _mm512_mask_mov_ps(a0, _mm512_test_epi32_mask(f, f), vInf);
-    const __mmask16 diagonal = _mm512_cmp_ps_mask(a1, v, _CMP_LE_OQ);
-    v = _mm512_mask_mov_ps(v, diagonal, a1);
-    const __mmask16 skip = _mm512_cmp_ps_mask(a2, v, _CMP_LT_OQ);
-    v = _mm512_mask_mov_ps(v, skip, a2);
-    v = _mm512_mask_mov_ps(v, _mm512_cmp_ps_mask(v, t, _CMP_GE_OQ), vInf);
-    any |= _mm512_mask_cmp_ps_mask(valid[h], v, t, _CMP_LT_OQ);
+    Vec v = Lanes::mov(a0, _mm512_test_epi32_mask(f, f), vInf);
+    const __mmask16 diagonal = Lanes::le(a1, v);
+    v = Lanes::mov(v, diagonal, a1);
+    const __mmask16 skip = Lanes::lt(0xFFFF, a2, v);
+    v = Lanes::mov(v, skip, a2);
+    v = Lanes::mov(v, Lanes::ge(v, t), vInf);
+    any |= Lanes::lt(valid[h], v, t);
     horizontal[h] = static_cast<__mmask16>(~(diagonal | skip));
     c[h] = v;
   }
@@ -339,50 +384,51 @@ __attribute__((target("avx512f,avx2"))) __mmask16 framePass(float *A, int32_t *F
     for (int q = 0; q < Q; ++q) acc[q] = term512<L1>(xk, r + 8 * q, acc[q]);
     if constexpr (R > 0) tail = term256<L1>(_mm512_castpd512_pd256(xk), r + 8 * Q, tail);
   }
-  // Distances as floats, sixteen to a chunk: vector q fills half q of the
+  // Distances as cells, sixteen to a chunk: vector q fills half q of the
   // chunks, the four-cell vector the half after them.
-  __m512 d[kChunks];
-  for (auto &v : d) v = _mm512_setzero_ps();
-  for (int q = 0; q < Q; ++q) d[q / 2] = withHalf(d[q / 2], finish512<L1>(acc[q]), q % 2 != 0);
-  if constexpr (R > 0) {
-    const __m256d f4 = _mm256_castps_pd(_mm256_castps128_ps256(_mm256_cvtpd_ps(finish256<L1>(tail))));
-    const __m256d half = _mm256_castps_pd(_mm256_insertf128_ps(_mm256_castpd_ps(f4), _mm_setzero_ps(), 1));
-    d[Q / 2] = _mm512_castpd_ps(Q % 2 ? _mm512_insertf64x4(_mm512_castps_pd(d[Q / 2]), half, 1)
-                                      : _mm512_insertf64x4(_mm512_castps_pd(d[Q / 2]), half, 0));
+  __m512d d[kChunks];
+  for (auto &v : d) v = _mm512_setzero_pd();
+  for (int q = 0; q < Q; ++q) {
+    const __m256d h = lanes.half(finish512<L1>(acc[q]));
+    d[q / 2] = q % 2 ? _mm512_insertf64x4(d[q / 2], h, 1) : _mm512_insertf64x4(d[q / 2], h, 0);
   }
-  const __m512 limit = _mm512_set1_ps(measureBelow);
+  if constexpr (R > 0) {
+    const __m256d h = _mm256_castps_pd(_mm256_insertf128_ps(_mm256_castps128_ps256(lanes.quarter(finish256<L1>(tail))),
+                                                            _mm_setzero_ps(), 1));
+    d[Q / 2] = Q % 2 ? _mm512_insertf64x4(d[Q / 2], h, 1) : _mm512_insertf64x4(d[Q / 2], h, 0);
+  }
   const __m512i allOnes = _mm512_set1_epi32(-1);
   for (int h = 0; h < kChunks; ++h) {
     const int b = j0 + 16 * h;
-    const __mmask16 measured = _mm512_mask_cmp_ps_mask(valid[h], c[h], limit, _CMP_LT_OQ);
-    _mm512_mask_storeu_ps(A + b, valid[h], _mm512_mask_add_ps(c[h], measured, c[h], d[h]));
+    Lanes::store(A + b, valid[h], lanes.add(c[h], Lanes::fromBits(_mm512_castpd_ps(d[h])), valid[h]));
     _mm512_mask_storeu_epi32(F + b, valid[h], _mm512_maskz_mov_epi32(horizontal[h], allOnes));
   }
   return any;
 }
 
-using FramePass = __mmask16 (*)(float *, int32_t *, int, int, float, float, float, const double *, const double *,
-                                int64_t, int);
+template <class Lanes>
+using FramePass = __mmask16 (*)(typename Lanes::Cell *, int32_t *, int, int, const Lanes &, const double *,
+                                const double *, int64_t, int);
 
-// Passes by width in four-cell steps: entry m covers 4m cells (m = 1..16).
-template <bool L1, int... M>
-constexpr std::array<FramePass, sizeof...(M)> passTable(std::integer_sequence<int, M...>) {
-  return {&framePass<L1, (M + 1) / 2, (M + 1) % 2>...};
+// Passes by width in four-cell steps: entry m covers 4(m+1) cells.
+template <class Lanes, bool L1, int... M>
+constexpr std::array<FramePass<Lanes>, sizeof...(M)> passTable(std::integer_sequence<int, M...>) {
+  return {&framePass<Lanes, L1, (M + 1) / 2, (M + 1) % 2>...};
 }
 
 // A whole inner frame: passes of up to 64 cells from the top of the band
 // down, each as narrow as the cells left allow (a multiple of four).
-template <bool L1>
-__attribute__((target("avx512f,avx2"))) bool floatFrameAvx512(float *A, int32_t *F, int s, int e, float tf,
-                                                              float inf, float measureBelow, const double *x,
-                                                              const double *ref, int64_t ld, int dim) {
-  static constexpr auto kPasses = passTable<L1>(std::make_integer_sequence<int, 16>());
+template <class Lanes, bool L1>
+__attribute__((target("avx512f,avx2"))) bool frameAvx512(typename Lanes::Cell *A, int32_t *F, int s, int e,
+                                                         const Lanes &lanes, const double *x, const double *ref,
+                                                         int64_t ld, int dim) {
+  static constexpr auto kPasses = passTable<Lanes, L1>(std::make_integer_sequence<int, 16>());
   __mmask16 any = 0;
   for (int top = e; top >= s;) {
     const int n = top - s + 1;
     const int m = n >= 64 ? 16 : (n + 3) / 4;  // four-cell groups in this pass
     const int j0 = top - 4 * m + 1;
-    any |= kPasses[m - 1](A, F, j0, s, tf, inf, measureBelow, x, ref, ld, dim);
+    any |= kPasses[m - 1](A, F, j0, s, lanes, x, ref, ld, dim);
     top = j0 - 1;
   }
   return any != 0;
@@ -487,13 +533,43 @@ void widenTransposed(const float *const *rows, int M, int dim, double *ref, int6
 bool floatFrame(float *A, int32_t *F, int s, int e, float tf, float inf, float measureBelow, const double *x,
                 const double *ref, int64_t ld, int dim, bool l1, double *dist) {
 #ifdef XKL_DTW_X86
-  if (activeDtwIsa() == DtwIsa::Avx512)
-    return l1 ? floatFrameAvx512<true>(A, F, s, e, tf, inf, measureBelow, x, ref, ld, dim)
-              : floatFrameAvx512<false>(A, F, s, e, tf, inf, measureBelow, x, ref, ld, dim);
+  if (activeDtwIsa() == DtwIsa::Avx512) {
+    const FloatLanes lanes{inf, tf, measureBelow};
+    return l1 ? frameAvx512<FloatLanes, true>(A, F, s, e, lanes, x, ref, ld, dim)
+              : frameAvx512<FloatLanes, false>(A, F, s, e, lanes, x, ref, ld, dim);
+  }
 #endif
   if (!floatStep(A, F, s, e, tf, inf)) return false;
   localDistances(x, ref, ld, dim, s, e, l1, dist);
   floatAddDistances(A, dist, s, e, measureBelow);
+  return true;
+}
+
+bool intFrame(int32_t *A, int32_t *F, int s, int e, int32_t T, int32_t inf, double scale, const double *x,
+              const double *ref, int64_t ld, int dim, bool l1, double *dist) {
+#ifdef XKL_DTW_X86
+  if (activeDtwIsa() == DtwIsa::Avx512) {
+    const IntLanes lanes{inf, T, scale};
+    return l1 ? frameAvx512<IntLanes, true>(A, F, s, e, lanes, x, ref, ld, dim)
+              : frameAvx512<IntLanes, false>(A, F, s, e, lanes, x, ref, ld, dim);
+  }
+#endif
+  for (int j = e; j >= s; --j) {
+    int32_t c = F[j] ? inf : A[j];
+    int32_t h = -1;
+    if (A[j - 1] <= c) c = A[j - 1], h = 0;
+    if (A[j - 2] < c) c = A[j - 2], h = 0;
+    A[j] = c;
+    F[j] = h;
+  }
+  bool any = false;
+  for (int j = s; j <= e; ++j) {
+    if (A[j] >= T) A[j] = inf;
+    any |= A[j] < T;
+  }
+  if (!any) return false;
+  localDistances(x, ref, ld, dim, s, e, l1, dist);
+  for (int j = s; j <= e; ++j) A[j] = satAddInt(A[j], intDistance(dist[j], scale));
   return true;
 }
 
