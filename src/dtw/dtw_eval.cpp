@@ -317,7 +317,7 @@ int XKwEvalDTW(const int *patternIds, int nPatterns, short **test, int nTest, in
     for (int i = 0; i < nTest; ++i) {
       double *x = w.X + static_cast<int64_t>(i) * dim;
       if (floatPath) {
-        XKwsbConvertUp(test[i], row, dim, -testScale);
+        XKwsbConvertUp(test[i], row, dim, upScale(testScale));
         for (int k = 0; k < dim; ++k) x[k] = row[k];
       } else {
         for (int k = 0; k < dim; ++k) x[k] = test[i][k];
@@ -325,7 +325,7 @@ int XKwEvalDTW(const int *patternIds, int nPatterns, short **test, int nTest, in
     }
   int best;
   if (floatPath) {
-    const double T = (flags & 64) ? XKidConvertUp(threshold, -thresholdScale) : kNoScore;
+    const double T = (flags & 64) ? XKidConvertUp(threshold, upScale(thresholdScale)) : kNoScore;
     for (int p = 0; p < nPatterns; ++p) {
       XKwPattern *rec = recs[p];
       if (rec == nullptr) {
