@@ -54,6 +54,8 @@ struct Work {
   int32_t *Ai = nullptr;
   int32_t *F = nullptr;
   double *dist = nullptr;
+  float *fd = nullptr;  // two float distance columns
+  int64_t col = 0;
   int *start = nullptr, *end = nullptr;
   double *X = nullptr, *ref = nullptr;
 
@@ -61,10 +63,10 @@ struct Work {
     N = nTest;
     dim = dimension;
     ld = (static_cast<int64_t>(maxM) + kPad + 3) / 4 * 4;
-    const int64_t col = ld + 2 * kPad;
+    col = ld + 2 * kPad;
     const uint64_t doubles = static_cast<uint64_t>(col) + static_cast<uint64_t>(N) * dim +
                              static_cast<uint64_t>(dim) * static_cast<uint64_t>(ld);
-    const uint64_t words = 3 * static_cast<uint64_t>(col) + 2 * static_cast<uint64_t>(N);
+    const uint64_t words = 5 * static_cast<uint64_t>(col) + 2 * static_cast<uint64_t>(N);
     if (doubles > (uint64_t{1} << 56) / 8 || words > (uint64_t{1} << 56) / 4) return false;
     const size_t bytes = static_cast<size_t>(doubles * 8 + words * 4 + 64);
     block = std::calloc(1, bytes);
@@ -77,7 +79,8 @@ struct Work {
     A = reinterpret_cast<float *>(w) + kPad;
     Ai = w + col + kPad;
     F = w + 2 * col + kPad;
-    start = w + 3 * col;
+    fd = reinterpret_cast<float *>(w + 3 * col) + kPad;
+    start = w + 5 * col;
     end = start + N;
     return true;
   }
@@ -123,14 +126,9 @@ double floatPattern(Work &w, int M, int D, bool l1, double T) {
   // Inner frames: predecessor choice (horizontal unless taken last time,
   // ties to the diagonal, the skip only when strictly better), pruning,
   // then the local distances of the cells still measured.
-  for (int i = 1; i < N - 1; ++i) {
-    const int s = w.start[i], e = w.end[i];
-    if (!floatFrame(A, F, s, e, tf, kInf, kMeasureBelow, w.X + static_cast<int64_t>(i) * w.dim, w.ref, w.ld, w.dim,
-                    l1, dist))
-      return T;
-    A[s - 1] = kInf;
-    A[s - 2] = kInf;
-  }
+  if (!floatInnerFrames(A, F, w.start, w.end, N, tf, kInf, kMeasureBelow, w.X, w.ref, w.ld, w.dim, l1, dist, w.fd,
+                        w.fd + w.col))
+    return T;
   // Last test frame: every cell is measured; a blocked horizontal step
   // costs the threshold; the best end is the smallest value below T, the
   // highest frame among equals.
@@ -187,14 +185,10 @@ int32_t intPattern(Work &w, int M, int D, bool l1, int32_t T, double scale) {
     }
     if (!any) return T;
   }
-  for (int i = 1; i < N - 1; ++i) {
-    const int s = w.start[i], e = w.end[i];
-    if (!intFrame(A, F, s, e, T, kUnreachable, scale, w.X + static_cast<int64_t>(i) * w.dim, w.ref, w.ld, w.dim, l1,
-                  dist))
-      return T;
-    A[s - 1] = kUnreachable;
-    A[s - 2] = kUnreachable;
-  }
+  auto *cells = reinterpret_cast<int32_t *>(w.fd);
+  if (!intInnerFrames(A, F, w.start, w.end, N, T, kUnreachable, scale, w.X, w.ref, w.ld, w.dim, l1, dist, cells,
+                      cells + w.col))
+    return T;
   const int s = w.start[N - 1];
   localDistances(w.X + static_cast<int64_t>(N - 1) * w.dim, w.ref, w.ld, w.dim, s, M - 1, l1, dist);
   int best = -1;
