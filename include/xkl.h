@@ -10,4 +10,6 @@
 #include "xkl/kfx.h"
 #include "xkl/xk_vq.h"
 
+#include "xkl/xk_dtw.h"
+
 #endif /* XKL_H */
