@@ -9,7 +9,6 @@
 #include "xkl/xk_convert.h"
 #include "xkl/kfx.h"
 #include "xkl/xk_vq.h"
-
 #include "xkl/xk_dtw.h"
 
 #endif /* XKL_H */
