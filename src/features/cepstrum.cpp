@@ -214,9 +214,7 @@ XKL_API int XKsCepstralMFCC(XKMFCCFilters *filters, float *input, float *output,
   XKsMelFiltering(f, spec, fo);
   finishFilterOutputs(fo, f->nFilters, flags, floor, factor);
   float *dctAll = fbuf(kFilterDctOutput);
-  if (!cepstrumDct(f, fo, f->dctOrder != 0 ? output : dctAll, nOut, skip, dctAll, kFunc))
-    return kfxGetStatus();
-  if (f->dctOrder == 0) std::memcpy(output, dctAll + skip, sizeof(float) * static_cast<size_t>(nOut > 0 ? nOut : 0));
+  if (!cepstrumDct(f, fo, output, nOut, skip, dctAll, kFunc)) return kfxGetStatus();
   for (int i = nOut > 0 ? nOut : 0; i < nCeps; ++i) output[i] = 0.0f;
   const int st = kfxGetStatus();
   if (st < 0) xk::backTrace(kFunc, kModCeps, __LINE__);
