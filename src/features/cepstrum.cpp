@@ -36,6 +36,28 @@ void releaseBuffers(xk::XKContext &ctx) {
     b = nullptr;
   }
   ctx.ceps.fftCap = ctx.ceps.filterCap = ctx.ceps.cepsCap = 0;
+  xk::features::freeAligned(ctx.ceps.dctBasis);
+  ctx.ceps.dctBasis = nullptr;
+  ctx.ceps.dctLen = 0;
+}
+
+// Orthonormal DCT-II rows for n inputs, row k = w_k cos(pi k (2i+1) / 2n),
+// kept per thread for the last n. Only the coefficients asked for are then
+// computed (13 of 26, typically). Null when memory runs out.
+const float *dctBasis(int n) {
+  auto &c = xk::context().ceps;
+  if (c.dctLen == n && c.dctBasis != nullptr) return c.dctBasis;
+  xk::features::freeAligned(c.dctBasis);
+  c.dctLen = 0;
+  c.dctBasis = static_cast<float *>(xk::features::allocAligned(sizeof(float) * static_cast<size_t>(n) * n));
+  if (c.dctBasis == nullptr) return nullptr;
+  const long double pi = 3.14159265358979323846264338327950288L;
+  for (int k = 0; k < n; ++k) {
+    const long double w = std::sqrt((k == 0 ? 1.0L : 2.0L) / n);
+    for (int i = 0; i < n; ++i) c.dctBasis[k * n + i] = static_cast<float>(w * std::cos(pi * k * (2 * i + 1) / (2.0L * n)));
+  }
+  c.dctLen = n;
+  return c.dctBasis;
 }
 
 size_t slotBytes(Slot s, size_t n, size_t f) {
@@ -113,7 +135,8 @@ void permToCcs(T *v, int n) {
 // Orthonormal DCT-II of the nFilters log outputs, coefficients skip ..
 // skip + nOut - 1 written to out[0..nOut-1]. Power-of-two banks use one
 // real FFT of the even/odd reordered input and the record's twiddles; other
-// banks the DCT kernel (dctOut then holds all nFilters coefficients).
+// banks the cached basis rows (or, without memory for them, the DCT kernel,
+// `all` then holding all nFilters coefficients).
 // Returns false after reporting a kernel failure.
 bool cepstrumDct(XKMFCCFilters *f, const float *in, float *out, int nOut, int skip, float *all,
                  const char *func) {
@@ -141,6 +164,11 @@ bool cepstrumDct(XKMFCCFilters *f, const float *in, float *out, int nOut, int sk
     }
     return true;
   }
+  if (const float *basis = dctBasis(nf); basis != nullptr) {
+    for (int i = 0; i < nOut; ++i)
+      out[i] = static_cast<float>(xk::features::weightedSum(basis + static_cast<size_t>(i + skip) * nf, in, nf));
+    return true;
+  }
   kfxsDct(in, all, nf, KFX_DCT_Forward);
   if (xk::features::kernelFailed()) {
     xk::backTrace(func, kModCeps, __LINE__);
@@ -159,7 +187,7 @@ int outputCount(const XKMFCCFilters *f, int nCeps, int skip) {
 // natural logarithm of the filter outputs; then the factor to log10.
 void finishFilterOutputs(float *out, int nf, int flags, float floor, float factor) {
   if (flags & XK_MFCC_MAGNITUDE) {
-    if (flags & XK_MFCC_FLOOR) kfxsbThresh1(out, nf, floor, 0);
+    if (flags & XK_MFCC_FLOOR) xk::features::floorInPlace(out, nf, floor);
     xk::features::lnInPlace(out, nf);
   }
   kfxsbMpy1(factor, out, nf);
@@ -197,14 +225,14 @@ XKL_API int XKsCepstralMFCC(XKMFCCFilters *filters, float *input, float *output,
       xk::features::sqrtInPlace(spec, half + 1);
     } else {
       xk::features::powerInPlace(spec, need);
-      if (flags & XK_MFCC_FLOOR) kfxsbThresh1(spec, need, floor, 0);
+      if (flags & XK_MFCC_FLOOR) xk::features::floorInPlace(spec, need, floor);
       xk::features::lnInPlace(spec, need);
       factor = kHalfLog10e;
     }
   } else {
     // The caller's spectrum is floored and replaced by its logarithm.
     if (!(flags & XK_MFCC_MAGNITUDE)) {
-      if (flags & XK_MFCC_FLOOR) kfxsbThresh1(input, half + 1, floor, 0);
+      if (flags & XK_MFCC_FLOOR) xk::features::floorInPlace(input, half + 1, floor);
       xk::features::lnInPlace(input, need);
     }
     std::memcpy(spec, input, sizeof(float) * static_cast<size_t>(half + 1));
@@ -266,14 +294,14 @@ XKL_API int XKwCepstralMFCC(XKMFCCFilters *filters, const short *input, short *o
     if (flags & XK_MFCC_MAGNITUDE) {
       kfxsbSqrt1(spec, need);
     } else {
-      if (flags & XK_MFCC_FLOOR) kfxsbThresh1(spec, need, floorF, 0);
+      if (flags & XK_MFCC_FLOOR) xk::features::floorInPlace(spec, need, floorF);
       xk::features::lnInPlace(spec, need);
       factor = kHalfLog10e;
     }
   } else {
     XKwsbConvertUp(input, spec, half + 1, inScale);
     if (!(flags & XK_MFCC_MAGNITUDE)) {
-      if (flags & XK_MFCC_FLOOR) kfxsbThresh1(spec, half + 1, floorF, 0);
+      if (flags & XK_MFCC_FLOOR) xk::features::floorInPlace(spec, half + 1, floorF);
       xk::features::lnInPlace(spec, need);
     }
   }

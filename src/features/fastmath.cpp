@@ -1,7 +1,8 @@
 // Element loops of the cepstrum that dominate its time: the logarithm of a
-// whole spectrum and the power of the complex bins. Each has a portable form
-// and an AVX2 form doing the same float operations in the same order (no
-// fused multiply-add), so both give identical bits.
+// whole spectrum, the power of the complex bins, the floor, the filter sums
+// and pre-emphasis. Each has a portable form and an AVX2 form doing the same
+// operations in the same order (fused multiply-adds where the portable form
+// calls std::fma), so both give identical bits.
 #include <atomic>
 #include <climits>
 #include <cmath>
@@ -21,7 +22,11 @@ namespace {
 
 std::atomic<bool> simdOff{false};
 
-bool useAvx2() { return !simdOff.load(std::memory_order_relaxed) && cpuFeatures().avx2; }
+// The vectorised loops need AVX2 and FMA; asked once.
+bool useAvx2() {
+  static const bool available = cpuFeatures().avx2 && cpuFeatures().fma;
+  return available && !simdOff.load(std::memory_order_relaxed);
+}
 
 // log(x) = e ln2 + log(m), m in [sqrt(1/2), sqrt(2)), with a minimax
 // polynomial for log(1 + t) - t + t^2/2 (|t| < 0.2929) and ln2 split in two
@@ -54,22 +59,22 @@ float lnScalar(float x) {
   }
   const float z = m * m;
   float y = kP[0];
-  for (int i = 1; i < 9; ++i) y = y * m + kP[i];
+  for (int i = 1; i < 9; ++i) y = std::fma(y, m, kP[i]);
   y = (y * m) * z;
-  y = y + e * kLn2Lo;
-  y = y - 0.5f * z;
+  y = std::fma(e, kLn2Lo, y);
+  y = std::fma(-0.5f, z, y);
   float r = m + y;
-  r = r + e * kLn2Hi;
+  r = std::fma(e, kLn2Hi, r);
   return r;
 }
 
 #ifdef XKL_FEATURES_X86
-__attribute__((target("avx2"))) void lnAvx2(float *v, int n) {
+__attribute__((target("avx2,fma"))) void lnAvx2(float *v, int n) {
   const __m256 lo = _mm256_set1_ps(1.17549435e-38f), hi = _mm256_set1_ps(3.40282347e38f);
   const __m256i mantMask = _mm256_set1_epi32(0x007fffff), half = _mm256_set1_epi32(0x3f000000);
   const __m256i bias = _mm256_set1_epi32(126);
   const __m256 one = _mm256_set1_ps(1.0f), sqrtHalf = _mm256_set1_ps(kSqrtHalf);
-  const __m256 halfF = _mm256_set1_ps(0.5f);
+  const __m256 minusHalf = _mm256_set1_ps(-0.5f);
   int i = 0;
   for (; i + 8 <= n; i += 8) {
     const __m256 x = _mm256_loadu_ps(v + i);
@@ -82,12 +87,12 @@ __attribute__((target("avx2"))) void lnAvx2(float *v, int n) {
     m = _mm256_sub_ps(_mm256_add_ps(m, _mm256_and_ps(small, m)), one);
     const __m256 z = _mm256_mul_ps(m, m);
     __m256 y = _mm256_set1_ps(kP[0]);
-    for (int k = 1; k < 9; ++k) y = _mm256_add_ps(_mm256_mul_ps(y, m), _mm256_set1_ps(kP[k]));
+    for (int k = 1; k < 9; ++k) y = _mm256_fmadd_ps(y, m, _mm256_set1_ps(kP[k]));
     y = _mm256_mul_ps(_mm256_mul_ps(y, m), z);
-    y = _mm256_add_ps(y, _mm256_mul_ps(e, _mm256_set1_ps(kLn2Lo)));
-    y = _mm256_sub_ps(y, _mm256_mul_ps(halfF, z));
+    y = _mm256_fmadd_ps(e, _mm256_set1_ps(kLn2Lo), y);
+    y = _mm256_fmadd_ps(minusHalf, z, y);
     __m256 r = _mm256_add_ps(m, y);
-    r = _mm256_add_ps(r, _mm256_mul_ps(e, _mm256_set1_ps(kLn2Hi)));
+    r = _mm256_fmadd_ps(e, _mm256_set1_ps(kLn2Hi), r);
     const int good = _mm256_movemask_ps(ok);
     if (good == 0xff) {
       _mm256_storeu_ps(v + i, r);
@@ -124,6 +129,44 @@ __attribute__((target("avx2"))) void sqrtAvx2(float *v, int n) {
   for (; i + 8 <= n; i += 8) _mm256_storeu_ps(v + i, _mm256_sqrt_ps(_mm256_loadu_ps(v + i)));
   for (; i < n; ++i) v[i] = std::sqrt(v[i]);
 }
+
+__attribute__((target("avx2"))) void floorAvx2(float *v, int n, float floor) {
+  const __m256 f = _mm256_set1_ps(floor);
+  int i = 0;
+  for (; i + 8 <= n; i += 8) {
+    const __m256 x = _mm256_loadu_ps(v + i);
+    _mm256_storeu_ps(v + i, _mm256_blendv_ps(x, f, _mm256_cmp_ps(x, f, _CMP_LT_OQ)));
+  }
+  for (; i < n; ++i)
+    if (v[i] < floor) v[i] = floor;
+}
+
+// Float products are exact in double, so the fused multiply-add rounds once,
+// like the portable product-then-sum.
+__attribute__((target("avx2,fma"))) double weightedSumAvx2(const float *w, const float *s, int n) {
+  __m256d acc = _mm256_setzero_pd();
+  int j = 0;
+  for (; j + 4 <= n; j += 4)
+    acc = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(w + j)), _mm256_cvtps_pd(_mm_loadu_ps(s + j)), acc);
+  alignas(32) double l[4];
+  _mm256_store_pd(l, acc);
+  double sum = (l[0] + l[1]) + (l[2] + l[3]);
+  for (; j < n; ++j) sum += static_cast<double>(w[j]) * s[j];
+  return sum;
+}
+
+__attribute__((target("avx2"))) void preemphAvx2(float *x, double alpha, int n) {
+  const __m256d a = _mm256_set1_pd(alpha);
+  int i = n - 1;
+  // Backwards in blocks of four: x[i-3..i] from x[i-4..i-1], none of which
+  // has been written yet.
+  for (; i - 3 >= 1; i -= 4) {
+    const __m256d cur = _mm256_cvtps_pd(_mm_loadu_ps(x + i - 3));
+    const __m256d prev = _mm256_cvtps_pd(_mm_loadu_ps(x + i - 4));
+    _mm_storeu_ps(x + i - 3, _mm256_cvtpd_ps(_mm256_sub_pd(cur, _mm256_mul_pd(a, prev))));
+  }
+  for (; i >= 1; --i) x[i] = static_cast<float>(static_cast<double>(x[i]) - alpha * static_cast<double>(x[i - 1]));
+}
 #endif
 
 }  // namespace
@@ -150,6 +193,35 @@ void sqrtInPlace(float *v, int n) {
   if (useAvx2()) return sqrtAvx2(v, n);
 #endif
   for (int i = 0; i < n; ++i) v[i] = std::sqrt(v[i]);
+}
+
+void floorInPlace(float *v, int n, float floor) {
+#ifdef XKL_FEATURES_X86
+  if (useAvx2()) return floorAvx2(v, n, floor);
+#endif
+  for (int i = 0; i < n; ++i)
+    if (v[i] < floor) v[i] = floor;
+}
+
+double weightedSum(const float *w, const float *s, int n) {
+#ifdef XKL_FEATURES_X86
+  if (useAvx2()) return weightedSumAvx2(w, s, n);
+#endif
+  double l[4] = {0, 0, 0, 0};
+  int j = 0;
+  for (; j + 4 <= n; j += 4)
+    for (int k = 0; k < 4; ++k) l[k] += static_cast<double>(w[j + k]) * s[j + k];
+  double sum = (l[0] + l[1]) + (l[2] + l[3]);
+  for (; j < n; ++j) sum += static_cast<double>(w[j]) * s[j];
+  return sum;
+}
+
+void preemphasizeInPlace(float *x, double alpha, int n) {
+#ifdef XKL_FEATURES_X86
+  if (useAvx2()) return preemphAvx2(x, alpha, n);
+#endif
+  for (int i = n - 1; i >= 1; --i)
+    x[i] = static_cast<float>(static_cast<double>(x[i]) - alpha * static_cast<double>(x[i - 1]));
 }
 
 bool setFeatureSimd(bool on) { return !simdOff.exchange(!on); }

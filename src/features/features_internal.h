@@ -35,6 +35,17 @@ void lnInPlace(float *v, int n);
 // in float. dst may equal src (it is written behind the reads).
 void powerInPlace(float *pairs, int n);
 
+// v[i] = floor wherever v[i] < floor (NaN stays), in place.
+void floorInPlace(float *v, int n, float floor);
+
+// sum_j w[j] * s[j], j < n, products and sums in double: four lanes (lane l
+// takes j % 4 == l), added as (l0 + l1) + (l2 + l3), then the tail in order.
+double weightedSum(const float *w, const float *s, int n);
+
+// Pre-emphasis y[i] = x[i] - alpha x[i-1] for i = n-1 .. 1 in double, in
+// place.
+void preemphasizeInPlace(float *x, double alpha, int n);
+
 // sqrt of v[0..n-1] in place (correctly rounded in both forms).
 void sqrtInPlace(float *v, int n);
 

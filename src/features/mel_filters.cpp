@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "features/features_internal.h"
-#include "kernels/vec_internal.h"
 
 using xk::features::kModCeps;
 
@@ -258,10 +257,10 @@ XKL_API void XKsMelFiltering(XKMFCCFilters *filters, const float *spectrum, floa
   const float *w = f->FilWeight;
   int i = 0;
   for (; i < f->nFixed; ++i, w += f->fixedLen)
-    output[i] = static_cast<float>(kfx::dotProduct(w, f->adrFft[i], f->fixedLen));
+    output[i] = static_cast<float>(xk::features::weightedSum(w, f->adrFft[i], f->fixedLen));
   for (; i < f->nFilters; ++i) {
     const int len = f->FilLength[i];
-    output[i] = len > 0 ? static_cast<float>(kfx::dotProduct(w, f->adrFft[i], len)) : 0.0f;
+    output[i] = len > 0 ? static_cast<float>(xk::features::weightedSum(w, f->adrFft[i], len)) : 0.0f;
     if (len > 0) w += len;
   }
 }

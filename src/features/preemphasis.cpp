@@ -52,15 +52,7 @@ extern "C" {
 
 XKL_API void XKsPreemphasize(float *x, float alpha, int n) {
   if (x == nullptr || n < 2) return;
-  // Forward, keeping the previous input: the same values as a backward
-  // in-place loop, and a loop the compiler can keep in registers.
-  const double a = alpha;
-  float prev = x[0];
-  for (int i = 1; i < n; ++i) {
-    const float cur = x[i];
-    x[i] = static_cast<float>(static_cast<double>(cur) - a * static_cast<double>(prev));
-    prev = cur;
-  }
+  xk::features::preemphasizeInPlace(x, alpha, n);
 }
 
 XKL_API void XKwPreemphasize(short *x, float alpha, int n, int mode, int *scale) {

@@ -39,6 +39,8 @@ struct XKContext {
     void *buf[11];           // see features/cepstrum.cpp for the slots
     int fftCap, filterCap, cepsCap;
     float melMul, melDiv;
+    float *dctBasis;         // DCT-II rows for dctLen inputs
+    int dctLen;
   } ceps;
 
   // Head of the thread's list of HMM servers (and the class table).
