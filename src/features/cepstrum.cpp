@@ -165,8 +165,7 @@ bool cepstrumDct(XKMFCCFilters *f, const float *in, float *out, int nOut, int sk
     return true;
   }
   if (const float *basis = dctBasis(nf); basis != nullptr) {
-    for (int i = 0; i < nOut; ++i)
-      out[i] = static_cast<float>(xk::features::weightedSum(basis + static_cast<size_t>(i + skip) * nf, in, nf));
+    if (nOut > 0) xk::features::weightedSums(basis + static_cast<size_t>(skip) * nf, nullptr, nf, nullptr, in, nOut, out);
     return true;
   }
   kfxsDct(in, all, nf, KFX_DCT_Forward);

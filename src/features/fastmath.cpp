@@ -142,17 +142,28 @@ __attribute__((target("avx2"))) void floorAvx2(float *v, int n, float floor) {
 }
 
 // Float products are exact in double, so the fused multiply-add rounds once,
-// like the portable product-then-sum.
-__attribute__((target("avx2,fma"))) double weightedSumAvx2(const float *w, const float *s, int n) {
-  __m256d acc = _mm256_setzero_pd();
-  int j = 0;
-  for (; j + 4 <= n; j += 4)
-    acc = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(w + j)), _mm256_cvtps_pd(_mm_loadu_ps(s + j)), acc);
-  alignas(32) double l[4];
-  _mm256_store_pd(l, acc);
-  double sum = (l[0] + l[1]) + (l[2] + l[3]);
-  for (; j < n; ++j) sum += static_cast<double>(w[j]) * s[j];
-  return sum;
+// like the portable product-then-sum; the missing elements of the last group
+// are loaded as zeros, which add nothing.
+__attribute__((target("avx2,fma"))) void weightedSumsAvx2(const float *w, const int *len, int fixedLen,
+                                                          const float *const *src, const float *vec, int rows,
+                                                          float *out) {
+  static const int kMask[8] = {-1, -1, -1, -1, 0, 0, 0, 0};
+  for (int i = 0; i < rows; ++i) {
+    const int n = len ? len[i] : fixedLen;
+    const float *s = src ? src[i] : vec;
+    __m256d acc = _mm256_setzero_pd();
+    int j = 0;
+    for (; j + 4 <= n; j += 4)
+      acc = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_loadu_ps(w + j)), _mm256_cvtps_pd(_mm_loadu_ps(s + j)), acc);
+    if (j < n) {
+      const __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i *>(kMask + 4 - (n - j)));
+      acc = _mm256_fmadd_pd(_mm256_cvtps_pd(_mm_maskload_ps(w + j, m)), _mm256_cvtps_pd(_mm_maskload_ps(s + j, m)),
+                            acc);
+    }
+    const __m128d pair = _mm_hadd_pd(_mm256_castpd256_pd128(acc), _mm256_extractf128_pd(acc, 1));
+    out[i] = static_cast<float>(_mm_cvtsd_f64(_mm_add_sd(pair, _mm_unpackhi_pd(pair, pair))));
+    w += n > 0 ? n : 0;
+  }
 }
 
 __attribute__((target("avx2"))) void preemphAvx2(float *x, double alpha, int n) {
@@ -203,17 +214,19 @@ void floorInPlace(float *v, int n, float floor) {
     if (v[i] < floor) v[i] = floor;
 }
 
-double weightedSum(const float *w, const float *s, int n) {
+void weightedSums(const float *w, const int *len, int fixedLen, const float *const *src, const float *vec, int rows,
+                  float *out) {
 #ifdef XKL_FEATURES_X86
-  if (useAvx2()) return weightedSumAvx2(w, s, n);
+  if (useAvx2()) return weightedSumsAvx2(w, len, fixedLen, src, vec, rows, out);
 #endif
-  double l[4] = {0, 0, 0, 0};
-  int j = 0;
-  for (; j + 4 <= n; j += 4)
-    for (int k = 0; k < 4; ++k) l[k] += static_cast<double>(w[j + k]) * s[j + k];
-  double sum = (l[0] + l[1]) + (l[2] + l[3]);
-  for (; j < n; ++j) sum += static_cast<double>(w[j]) * s[j];
-  return sum;
+  for (int i = 0; i < rows; ++i) {
+    const int n = len ? len[i] : fixedLen;
+    const float *s = src ? src[i] : vec;
+    double l[4] = {0, 0, 0, 0};
+    for (int j = 0; j < n; ++j) l[j % 4] += static_cast<double>(w[j]) * s[j];
+    out[i] = static_cast<float>((l[0] + l[1]) + (l[2] + l[3]));
+    w += n > 0 ? n : 0;
+  }
 }
 
 void preemphasizeInPlace(float *x, double alpha, int n) {

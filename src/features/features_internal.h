@@ -38,9 +38,13 @@ void powerInPlace(float *pairs, int n);
 // v[i] = floor wherever v[i] < floor (NaN stays), in place.
 void floorInPlace(float *v, int n, float floor);
 
-// sum_j w[j] * s[j], j < n, products and sums in double: four lanes (lane l
-// takes j % 4 == l), added as (l0 + l1) + (l2 + l3), then the tail in order.
-double weightedSum(const float *w, const float *s, int n);
+// Filter sums: out[i] = sum_j w_i[j] * src[i][j], j < len[i], products and
+// sums in double, stored as float. Row i's weights follow row i-1's
+// (w_0 = w); len null means every row has `fixedLen` weights; src null
+// means every row reads `vec`. Four lanes (lane l takes j % 4 == l, the
+// last partial group included), added as (l0 + l1) + (l2 + l3).
+void weightedSums(const float *w, const int *len, int fixedLen, const float *const *src, const float *vec,
+                  int rows, float *out);
 
 // Pre-emphasis y[i] = x[i] - alpha x[i-1] for i = n-1 .. 1 in double, in
 // place.

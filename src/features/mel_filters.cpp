@@ -254,15 +254,11 @@ XKL_API XKMFCCFilters *XKwMFCCInit(int order, int nFilters, int lowFreq, int hig
 XKL_API void XKsMelFiltering(XKMFCCFilters *filters, const float *spectrum, float *output) {
   XKMFCCFilters *f = filters;
   for (int i = f->nFilters - 1; i >= 0; --i) f->adrFft[i] = const_cast<float *>(spectrum) + f->disFft[i];
-  const float *w = f->FilWeight;
-  int i = 0;
-  for (; i < f->nFixed; ++i, w += f->fixedLen)
-    output[i] = static_cast<float>(xk::features::weightedSum(w, f->adrFft[i], f->fixedLen));
-  for (; i < f->nFilters; ++i) {
-    const int len = f->FilLength[i];
-    output[i] = len > 0 ? static_cast<float>(xk::features::weightedSum(w, f->adrFft[i], len)) : 0.0f;
-    if (len > 0) w += len;
-  }
+  // The fixed-length group, then the other filters with their own lengths.
+  const float *const *adr = f->adrFft;
+  xk::features::weightedSums(f->FilWeight, nullptr, f->fixedLen, adr, nullptr, f->nFixed, output);
+  xk::features::weightedSums(f->FilWeight + static_cast<size_t>(f->nFixed) * f->fixedLen, f->FilLength + f->nFixed,
+                             0, adr + f->nFixed, nullptr, f->nFilters - f->nFixed, output + f->nFixed);
 }
 
 XKL_API void XKsFreeMFCCFilters(XKMFCCFilters *filters) {
