@@ -112,11 +112,14 @@ int binsNeeded(const XKMFCCFilters *f) {
   return half + 1;
 }
 
-// A bank that reaches beyond N/2 reads the upper half as the mirror image.
+// A bank that reaches beyond N/2 reads the upper half as the mirror image:
+// spec[k] = spec[N - k] for k = N/2 + 1 .. N - 1. Written as a reverse copy:
+// g++ 12.2 at -O1/-O2 compiles the plain indexed loop into one that writes
+// nothing.
 void mirrorIfNeeded(const XKMFCCFilters *f, float *spec) {
   const int n = f->fftLen, half = n / 2;
   if (f->firstBin < half + 1 && f->lastBin < half + 1) return;
-  for (int k = half + 1; k < n; ++k) spec[k] = spec[n - k];
+  if (half >= 2) std::reverse_copy(spec + 1, spec + half, spec + half + 1);
 }
 
 // Moves Re[N/2] from position 1 (RCPerm) to N and zeroes the imaginary parts

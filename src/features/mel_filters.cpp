@@ -202,8 +202,8 @@ XKL_API XKMFCCFilters *XKsMFCCInit(int order, int nFilters, int lowFreq, int hig
       // The zero padding is read by the filtering loop too, so the bins it
       // covers count as used: callers then provide (and the cepstrum
       // computes) every value the loop reads.
-      const int padEnd = dis[i] + fixedLen - 1;
-      useBin(padEnd < n ? padEnd : n - 1);
+      const int padEnd = std::min(dis[i] + fixedLen - 1, n - 1);
+      if (firstBin >= 0 && padEnd > lastBin) lastBin = padEnd;
     } else if (inside > 0) {
       len[i] = inside;
     }
