@@ -96,7 +96,7 @@ XKL_API XKMFCCFilters *XKwMFCCInit(int order, int nFilters, int lowFreq, int hig
 XKL_API void XKsMelFiltering(XKMFCCFilters *filters, const float *spectrum, float *output);
 
 /* Release a bank; null is ignored. The 16-bit form leaves dctSrc, dctIn and
- * dctOut allocated. */
+ * dctOut allocated (applications rely on it); release them with free(). */
 XKL_API void XKsFreeMFCCFilters(XKMFCCFilters *filters);
 XKL_API void XKwFreeMFCCFilters(XKMFCCFilters *filters);
 

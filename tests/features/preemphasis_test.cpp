@@ -1,58 +1,45 @@
-// Pre-emphasis: the float form against the formula in double, the 16-bit
-// kernels' edges (saturating aligned groups, wrapping edges) on hand-built
-// frames, the scale modes and the conversion path.
+// Pre-emphasis: the float form against the formula in double; the 16-bit
+// kernels' edges (saturating aligned groups, wrapping edges), scale modes and
+// the conversion path on hand-computed frames.
 #include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstdint>
-#include <vector>
 
 #include "feature_refs.h"
 #include "xkl.h"
-#include "xkl_test_support.h"
 
 namespace {
 
 TEST(Preemphasis, FloatFollowsFormula) {
-  for (int n : {1, 2, 10, 11, 12, 401})
-    for (float alpha : {0.0f, 0.5f, 0.97f, 1.0f}) {
-      const auto x = featref::speechLike(n, static_cast<unsigned>(n));
+  for (int n : {1, 10, 11, 401})
+    for (float alpha : {0.0f, 0.97f, 1.0f}) {
+      const auto x = featref::speechLike(n, n);
       std::vector<float> y(x);
       XKsPreemphasize(y.data(), alpha, n);
-      EXPECT_EQ(y[0], x[0]);
-      for (int i = 1; i < n; ++i)
-        ASSERT_EQ(y[i], static_cast<float>(static_cast<double>(x[i]) - static_cast<double>(alpha) * x[i - 1]))
-            << n << " " << alpha << " " << i;
+      for (int i = 0; i < n; ++i)
+        ASSERT_EQ(y[i], i == 0 ? x[0] : static_cast<float>(x[i] - static_cast<double>(alpha) * x[i - 1])) << i;
     }
 }
 
 // Alternating full-scale samples with alpha = 1 give +-65535 before the
-// narrowing: the aligned groups of four saturate (32767 / -32768), the other
-// samples wrap (-1 / 1). Groups start at the first 8-byte-aligned element
-// after x[0].
+// narrowing: the aligned groups of four saturate to 32767 / -32768, the
+// samples before the first 8-byte-aligned element after x[0] and after the
+// last group wrap to -1 / 1.
 TEST(Preemphasis, SixteenBitEdgesWrapAndGroupsSaturate) {
   alignas(8) short buf[16];
   const short alt[9] = {-32768, 32767, -32768, 32767, -32768, 32767, -32768, 32767, -32768};
-  struct Case {
-    int offset;          // frame start in shorts from an 8-byte boundary
-    short expect[9];
-  };
-  const Case cases[] = {
+  const std::pair<int, std::vector<short>> cases[] = {
       {0, {-32768, -1, 1, -1, -32768, 32767, -32768, 32767, 1}},  // group at 4..7
       {1, {-32768, -1, 1, 32767, -32768, 32767, -32768, -1, 1}},  // group at 3..6
       {3, {-32768, 32767, -32768, 32767, -32768, 32767, -32768, 32767, -32768}},  // groups 1..8
   };
-  for (const Case &c : cases) {
-    short *x = buf + c.offset;
-    std::copy(alt, alt + 9, x);
+  for (const auto &[offset, expect] : cases) {
+    std::copy(alt, alt + 9, buf + offset);
     int scale = 77;
-    XKwPreemphasize(x, 1.0f, 9, 0, &scale);
+    XKwPreemphasize(buf + offset, 1.0f, 9, 0, &scale);
+    EXPECT_EQ(std::vector<short>(buf + offset, buf + offset + 9), expect) << "offset " << offset;
     EXPECT_EQ(scale, 0);
-    for (int i = 0; i < 9; ++i) EXPECT_EQ(x[i], c.expect[i]) << "offset " << c.offset << " i " << i;
   }
 }
 
-// Scale modes on small hand-computed frames, and the conversion path.
 TEST(Preemphasis, SixteenBitModes) {
   struct Case {
     const char *what;
@@ -81,14 +68,6 @@ TEST(Preemphasis, SixteenBitModes) {
     EXPECT_EQ(x, c.expect) << c.what;
     EXPECT_EQ(scale, c.scaleOut) << c.what;
   }
-  // A null scale pointer stands for 0; alpha 0.97 (15892 / 2^14) stays within
-  // one unit of the exact value plus the truncations.
-  const auto f = featref::speechLike(300, 4, 20000.0);
-  std::vector<short> w(f.begin(), f.end());
-  const std::vector<short> w0(w);
-  XKwPreemphasize(w.data(), 0.97f, 300, 0, nullptr);
-  for (int i = 1; i < 300; ++i) EXPECT_NEAR(w[i], w0[i] - 0.97 * w0[i - 1], 2.01) << i;
-  EXPECT_EQ(XKFreePreemphasizeTbls(), 0);
   EXPECT_EQ(XKFreePreemphasizeTbls(), 0);
 }
 
