@@ -31,8 +31,8 @@ inline bool kernelFailed() { return kfxGetStatus() < 0; }
 // std::log, so -inf, NaN and +inf come out as the C library gives them.
 void lnInPlace(float *v, int n);
 
-// dst[k] = re^2 + im^2 of the interleaved pairs src[2k], src[2k+1], k < n,
-// in float. dst may equal src (it is written behind the reads).
+// pairs[k] = re^2 + im^2 of the interleaved pair at 2k, 2k+1, k < n, in
+// float, in place (each value is written behind the reads).
 void powerInPlace(float *pairs, int n);
 
 // v[i] = floor wherever v[i] < floor (NaN stays), in place.
