@@ -226,9 +226,7 @@ XKL_API int XKsCepstralMFCC(XKMFCCFilters *filters, float *input, float *output,
       xk::features::powerInPlace(spec, half + 1);
       xk::features::sqrtInPlace(spec, half + 1);
     } else {
-      xk::features::powerInPlace(spec, need);
-      if (flags & XK_MFCC_FLOOR) xk::features::floorInPlace(spec, need, floor);
-      xk::features::lnInPlace(spec, need);
+      xk::features::logPowerInPlace(spec, need, flags & XK_MFCC_FLOOR, floor);
       factor = kHalfLog10e;
     }
   } else {

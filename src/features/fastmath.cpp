@@ -1,8 +1,11 @@
 // Element loops of the cepstrum that dominate its time: the logarithm of a
 // whole spectrum, the power of the complex bins, the floor, the filter sums
 // and pre-emphasis. Each has a portable form and an AVX2 form doing the same
-// operations in the same order (fused multiply-adds where the portable form
-// calls std::fma), so both give identical bits.
+// operations in the same order, so both give identical bits. The logarithm
+// does not fuse multiply-adds (the portable form would have to call fmaf,
+// slow without the instruction), and its vector form is compiled without FMA
+// so that the compiler cannot fuse them either. The filter sums may fuse: a
+// float product is exact in double, so fusing changes nothing.
 #include <atomic>
 #include <climits>
 #include <cmath>
@@ -59,69 +62,78 @@ float lnScalar(float x) {
   }
   const float z = m * m;
   float y = kP[0];
-  for (int i = 1; i < 9; ++i) y = std::fma(y, m, kP[i]);
+  for (int i = 1; i < 9; ++i) y = y * m + kP[i];
   y = (y * m) * z;
-  y = std::fma(e, kLn2Lo, y);
-  y = std::fma(-0.5f, z, y);
+  y = y + e * kLn2Lo;
+  y = y - 0.5f * z;
   float r = m + y;
-  r = std::fma(e, kLn2Hi, r);
+  r = r + e * kLn2Hi;
   return r;
 }
 
 #ifdef XKL_FEATURES_X86
-__attribute__((target("avx2,fma"))) void lnAvx2(float *v, int n) {
+// Logarithm of eight values into dst (see lnScalar; specials by std::log).
+__attribute__((target("avx2"), always_inline)) inline void lnVec(__m256 x, float *dst) {
   const __m256 lo = _mm256_set1_ps(1.17549435e-38f), hi = _mm256_set1_ps(3.40282347e38f);
-  const __m256i mantMask = _mm256_set1_epi32(0x007fffff), half = _mm256_set1_epi32(0x3f000000);
-  const __m256i bias = _mm256_set1_epi32(126);
-  const __m256 one = _mm256_set1_ps(1.0f), sqrtHalf = _mm256_set1_ps(kSqrtHalf);
-  const __m256 minusHalf = _mm256_set1_ps(-0.5f);
+  const __m256 one = _mm256_set1_ps(1.0f);
+  const __m256 ok = _mm256_and_ps(_mm256_cmp_ps(x, lo, _CMP_GE_OQ), _mm256_cmp_ps(x, hi, _CMP_LE_OQ));
+  const __m256i bits = _mm256_castps_si256(x);
+  __m256 e = _mm256_cvtepi32_ps(_mm256_sub_epi32(_mm256_srli_epi32(bits, 23), _mm256_set1_epi32(126)));
+  __m256 m = _mm256_castsi256_ps(_mm256_or_si256(_mm256_and_si256(bits, _mm256_set1_epi32(0x007fffff)),
+                                                 _mm256_set1_epi32(0x3f000000)));
+  const __m256 small = _mm256_cmp_ps(m, _mm256_set1_ps(kSqrtHalf), _CMP_LT_OQ);
+  e = _mm256_sub_ps(e, _mm256_and_ps(small, one));
+  m = _mm256_sub_ps(_mm256_add_ps(m, _mm256_and_ps(small, m)), one);
+  const __m256 z = _mm256_mul_ps(m, m);
+  __m256 y = _mm256_set1_ps(kP[0]);
+  for (int k = 1; k < 9; ++k) y = _mm256_add_ps(_mm256_mul_ps(y, m), _mm256_set1_ps(kP[k]));
+  y = _mm256_mul_ps(_mm256_mul_ps(y, m), z);
+  y = _mm256_add_ps(y, _mm256_mul_ps(e, _mm256_set1_ps(kLn2Lo)));
+  y = _mm256_sub_ps(y, _mm256_mul_ps(_mm256_set1_ps(0.5f), z));
+  __m256 r = _mm256_add_ps(m, y);
+  r = _mm256_add_ps(r, _mm256_mul_ps(e, _mm256_set1_ps(kLn2Hi)));
+  const int good = _mm256_movemask_ps(ok);
+  if (good == 0xff) return _mm256_storeu_ps(dst, r);
+  alignas(32) float xs[8];
+  _mm256_store_ps(xs, x);
+  _mm256_storeu_ps(dst, r);
+  for (int l = 0; l < 8; ++l)
+    if (!(good & (1 << l))) dst[l] = std::log(xs[l]);
+}
+
+__attribute__((target("avx2"))) void lnAvx2(float *v, int n) {
   int i = 0;
-  for (; i + 8 <= n; i += 8) {
-    const __m256 x = _mm256_loadu_ps(v + i);
-    const __m256 ok = _mm256_and_ps(_mm256_cmp_ps(x, lo, _CMP_GE_OQ), _mm256_cmp_ps(x, hi, _CMP_LE_OQ));
-    const __m256i bits = _mm256_castps_si256(x);
-    __m256 e = _mm256_cvtepi32_ps(_mm256_sub_epi32(_mm256_srli_epi32(bits, 23), bias));
-    __m256 m = _mm256_castsi256_ps(_mm256_or_si256(_mm256_and_si256(bits, mantMask), half));
-    const __m256 small = _mm256_cmp_ps(m, sqrtHalf, _CMP_LT_OQ);
-    e = _mm256_sub_ps(e, _mm256_and_ps(small, one));
-    m = _mm256_sub_ps(_mm256_add_ps(m, _mm256_and_ps(small, m)), one);
-    const __m256 z = _mm256_mul_ps(m, m);
-    __m256 y = _mm256_set1_ps(kP[0]);
-    for (int k = 1; k < 9; ++k) y = _mm256_fmadd_ps(y, m, _mm256_set1_ps(kP[k]));
-    y = _mm256_mul_ps(_mm256_mul_ps(y, m), z);
-    y = _mm256_fmadd_ps(e, _mm256_set1_ps(kLn2Lo), y);
-    y = _mm256_fmadd_ps(minusHalf, z, y);
-    __m256 r = _mm256_add_ps(m, y);
-    r = _mm256_fmadd_ps(e, _mm256_set1_ps(kLn2Hi), r);
-    const int good = _mm256_movemask_ps(ok);
-    if (good == 0xff) {
-      _mm256_storeu_ps(v + i, r);
-    } else {
-      alignas(32) float xs[8];
-      _mm256_store_ps(xs, x);
-      _mm256_storeu_ps(v + i, r);
-      for (int l = 0; l < 8; ++l)
-        if (!(good & (1 << l))) v[i + l] = std::log(xs[l]);
-    }
-  }
+  for (; i + 8 <= n; i += 8) lnVec(_mm256_loadu_ps(v + i), v + i);
   for (; i < n; ++i) v[i] = lnScalar(v[i]);
+}
+
+// re^2 + im^2 of bins k..k+7 from the 16 floats at 2k.
+__attribute__((target("avx2"), always_inline)) inline __m256 powerVec(const float *p) {
+  const __m256 a = _mm256_loadu_ps(p), b = _mm256_loadu_ps(p + 8);
+  // hadd pairs: (a0+a1, a2+a3, b0+b1, b2+b3 | a4+a5, a6+a7, b4+b5, b6+b7)
+  const __m256 h = _mm256_hadd_ps(_mm256_mul_ps(a, a), _mm256_mul_ps(b, b));
+  return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(h), 0xd8));
+}
+
+__attribute__((target("avx2"))) void logPowerAvx2(float *p, int n, bool useFloor, float floor) {
+  const __m256 f = _mm256_set1_ps(floor);
+  int k = 0;
+  for (; k + 8 <= n; k += 8) {
+    __m256 v = powerVec(p + 2 * k);
+    if (useFloor) v = _mm256_blendv_ps(v, f, _mm256_cmp_ps(v, f, _CMP_LT_OQ));
+    lnVec(v, p + k);
+  }
+  for (; k < n; ++k) {
+    float v = p[2 * k] * p[2 * k] + p[2 * k + 1] * p[2 * k + 1];
+    if (useFloor && v < floor) v = floor;
+    p[k] = lnScalar(v);
+  }
 }
 
 __attribute__((target("avx2"))) void powerAvx2(float *p, int n) {
   int k = 0;
-  // Eight bins (16 floats) per step; writes stay behind the reads.
-  for (; k + 8 <= n; k += 8) {
-    const __m256 a = _mm256_loadu_ps(p + 2 * k), b = _mm256_loadu_ps(p + 2 * k + 8);
-    const __m256 sa = _mm256_mul_ps(a, a), sb = _mm256_mul_ps(b, b);
-    // hadd pairs: (a0+a1, a2+a3, b0+b1, b2+b3 | a4+a5, a6+a7, b4+b5, b6+b7)
-    const __m256 h = _mm256_hadd_ps(sa, sb);
-    const __m256 r = _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(h), 0xd8));
-    _mm256_storeu_ps(p + k, r);
-  }
-  for (; k < n; ++k) {
-    const float re = p[2 * k], im = p[2 * k + 1];
-    p[k] = re * re + im * im;
-  }
+  for (; k + 8 <= n; k += 8) _mm256_storeu_ps(p + k, powerVec(p + 2 * k));  // behind the reads
+  for (; k < n; ++k) p[k] = p[2 * k] * p[2 * k] + p[2 * k + 1] * p[2 * k + 1];
 }
 
 __attribute__((target("avx2"))) void sqrtAvx2(float *v, int n) {
@@ -187,6 +199,17 @@ void lnInPlace(float *v, int n) {
   if (useAvx2()) return lnAvx2(v, n);
 #endif
   for (int i = 0; i < n; ++i) v[i] = lnScalar(v[i]);
+}
+
+void logPowerInPlace(float *p, int n, bool useFloor, float floor) {
+#ifdef XKL_FEATURES_X86
+  if (useAvx2()) return logPowerAvx2(p, n, useFloor, floor);
+#endif
+  for (int k = 0; k < n; ++k) {
+    float v = p[2 * k] * p[2 * k] + p[2 * k + 1] * p[2 * k + 1];
+    if (useFloor && v < floor) v = floor;
+    p[k] = lnScalar(v);
+  }
 }
 
 void powerInPlace(float *p, int n) {

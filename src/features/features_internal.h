@@ -35,6 +35,11 @@ void lnInPlace(float *v, int n);
 // float, in place (each value is written behind the reads).
 void powerInPlace(float *pairs, int n);
 
+// pairs[k] = ln(max(re^2 + im^2, floor)) (floor only when useFloor), k < n,
+// in place: power, floor and logarithm in one pass, with the operations of
+// powerInPlace, floorInPlace and lnInPlace.
+void logPowerInPlace(float *pairs, int n, bool useFloor, float floor);
+
 // v[i] = floor wherever v[i] < floor (NaN stays), in place.
 void floorInPlace(float *v, int n, float floor);
 
