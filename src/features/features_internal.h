@@ -25,8 +25,8 @@ inline void clearKernelStatus() { kfxSetStatus(KFX_StsOk); }
 inline bool kernelFailed() { return kfxGetStatus() < 0; }
 
 // Natural logarithm of v[0..n-1] in place. Positive normal values go through
-// one polynomial (8 lanes at a time with AVX2, the same operations one at a
-// time otherwise: both give bit-identical results, within 1 ulp of the exact
+// one polynomial (8 lanes at a time with fused multiply-adds under AVX2, one
+// at a time with separate ones otherwise; both within 1 ulp of the exact
 // logarithm); zero, negative, subnormal, infinite and NaN values take
 // std::log, so -inf, NaN and +inf come out as the C library gives them.
 void lnInPlace(float *v, int n);
@@ -36,7 +36,7 @@ void lnInPlace(float *v, int n);
 void powerInPlace(float *pairs, int n);
 
 // pairs[k] = ln(max(re^2 + im^2, floor)) (floor only when useFloor), k < n,
-// in place: power, floor and logarithm in one pass, with the operations of
+// in place: power, floor and logarithm in one pass, computed like
 // powerInPlace, floorInPlace and lnInPlace.
 void logPowerInPlace(float *pairs, int n, bool useFloor, float floor);
 
