@@ -10,5 +10,6 @@
 #include "xkl/kfx.h"
 #include "xkl/xk_vq.h"
 #include "xkl/xk_dtw.h"
+#include "xkl/xk_features.h"
 
 #endif /* XKL_H */
