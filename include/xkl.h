@@ -8,5 +8,6 @@
 #include "xkl/xk_frame.h"
 #include "xkl/xk_convert.h"
 #include "xkl/kfx.h"
+#include "xkl/xk_features.h"
 
 #endif /* XKL_H */

@@ -18,25 +18,27 @@ struct XKContext {
   int errMode;
   XKErrorCallback handler;
 
-  // Pre-emphasis and LP-spectrum scratch tables.
+  // Pre-emphasis buffer and LP-spectrum scratch (owned by src/features).
   struct {
-    void *preemphBuf;
-    int preemphLen;
-    void *lpSpecBuf[4];
-    int lpSpecLen;
+    float *buff;             // pre-emphasis conversion path
+    int buffLen;             // its capacity in floats
+    void *slot[6];           // LP-spectrum buffers, see features/lp_spectrum.cpp
+    int slotKey[6][2];       // (order, p) each buffer was built for
   } preemphLpSpec;
 
-  // Linear-prediction scratch tables.
+  // Linear-prediction tables (2-D tables from XKsAlloc2).
   struct {
-    void *buf[4];
-    int len;
+    float **arrAutocorr;
+    int autocorrLen;
+    float **arrCovariance;
+    int covarianceLen;
   } lpred;
 
-  // Cepstrum scratch tables and the current mel-scale setting.
+  // Cepstrum scratch and the mel-scale constants.
   struct {
-    void *buf[4];
-    int len;
-    float melScale[2];
+    void *buf[11];           // see features/cepstrum.cpp for the slots
+    int fftCap, filterCap, cepsCap;
+    float melMul, melDiv;
   } ceps;
 
   // Head of the thread's list of HMM servers (and the class table).
