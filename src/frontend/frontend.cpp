@@ -108,6 +108,10 @@ int checkConfig(xkl_frontend_config &c) {
 struct xkl_frontend {
   xkl_frontend_config cfg{};
   int dim = 0, nStatics = 0, nInternal = 0, latency = 0, flags = 0;
+  // The 16-bit path's cepstrum flags and input scale, and the log2 offset
+  // of its magnitudes from the float path's before the frame's gain.
+  int fixedFlags = 0, fixedInScale = 0, fixedC0Flags = 0, fixedFloor = 1;
+  double fixedLog2Offset = 0.0;
   XKMFCCFilters *bank = nullptr;
   bool fixed = false;
 
@@ -201,12 +205,33 @@ int xkl_frontend::computeFrame(const float *samples, int count) {
     if (cfg.preemphasis != 0.0f) XKwPreemphasize(w, cfg.preemphasis, len, 3, &scale);
     const short *win = windowQ15.data();
     for (int i = 0; i < len; ++i) w[i] = static_cast<short>((w[i] * win[i] + 16384) >> 15);
+    // Block floating point: the frame is raised to just below half of full
+    // scale, so the integer FFT (which divides by 2^(order-1)) keeps the
+    // quiet bins well above its rounding and can never overflow. The gain
+    // only adds a constant to every log magnitude, which lands in c0 alone.
+    int peak = 0;
+    for (int i = 0; i < len; ++i) peak = std::max(peak, std::abs(static_cast<int>(w[i])));
+    int gain = 0;
+    while (peak != 0 && (peak << (gain + 1)) <= 16383) ++gain;
+    for (int i = 0; i < len; ++i) w[i] = static_cast<short>(w[i] * (1 << gain));
     int outScale = kFixedCepsScale;
-    const int floorW = static_cast<int>(std::clamp(std::round(cfg.floor), 1.0f, 2.0e9f));
-    XKwCepstralMFCC(bank, w, ceps16.data(), nInternal, floorW, flags, 0, 1, &outScale);
+    // Without c0 the cepstra land one place on, so that the lifter sees
+    // every coefficient at its own index.
+    const int first = (fixedFlags & XK_MFCC_C0) ? 0 : 1;
+    ceps16[0] = 0;
+    XKwCepstralMFCC(bank, w, ceps16.data() + first, nInternal - first, fixedFloor, fixedFlags,
+                    fixedInScale, 1, &outScale);
+    if (fixedC0Flags != 0)
+      XKwCepstralMFCC(bank, w, ceps16.data(), 1, 1, fixedC0Flags, 0, 1, &outScale);
     if (cfg.lifter > 0) XKwLiftering(ceps16.data(), nInternal, cfg.lifter);
     const float unit = std::ldexp(1.0f, kFixedCepsScale);
-    for (int i = 0; i < nInternal; ++i) ceps[static_cast<size_t>(i)] = ceps16[static_cast<size_t>(i)] * unit;
+    for (int i = 0; i < nInternal; ++i)
+      ceps[static_cast<size_t>(i)] = ceps16[static_cast<size_t>(i)] * unit;
+    // c0 back on the float path's level: every log10 magnitude of the
+    // 16-bit path is off by (gain + log2 of the path's fixed scale) log10 2.
+    if (cfg.energy == XKL_ENERGY_C0)
+      ceps[0] -= static_cast<float>(std::sqrt(static_cast<double>(cfg.n_filters)) *
+                                    (gain + fixedLog2Offset) * 0.30102999566398120);
   }
   if (quiet.failed())
     return fail(quiet.status(), "feature extraction failed: %s", quiet.text());
@@ -297,6 +322,26 @@ int setUp(xkl_frontend &fe) {
   fe.dim = c.n_ceps * (1 + c.deltas);
   fe.flags = XK_MFCC_TIME | XK_MFCC_FLOOR | XK_MFCC_C0 |
              (c.spectrum == XKL_SPECTRUM_MAGNITUDE ? XK_MFCC_MAGNITUDE : 0);
+  // 16-bit path. The cepstrum function scales the integer power by 2^e,
+  // e = 2 order - 2 inScale - 2 for the flag words 1 and 5 exactly (which
+  // undoes the FFT's 2^(order-1): the float path's power), else
+  // e = -order - inScale, and its floor is 1 * 2^-inScale. In power mode the
+  // word 5 gives the float path's power scale, so c1 .. come from it, with
+  // the floor at one step of the FFT's output (2^16 on that scale): a bin
+  // that rounds to zero counts as half a step away from it, not as silence;
+  // c0 needs the word 21, whose floor sits at 2^order on the integer power
+  // scale, and a second call with one coefficient. In magnitude mode the
+  // floor acts on the filter outputs, and inScale 20 puts it far below them.
+  const bool magnitude = c.spectrum == XKL_SPECTRUM_MAGNITUDE;
+  const bool wantC0 = c.energy == XKL_ENERGY_C0;
+  fe.fixedFlags = XK_MFCC_TIME | XK_MFCC_FLOOR |
+                  (magnitude ? XK_MFCC_MAGNITUDE | (wantC0 ? XK_MFCC_C0 : 0) : 0);
+  fe.fixedInScale = magnitude ? 20 : 0;
+  fe.fixedFloor = magnitude ? 1 : 1 << 16;
+  fe.fixedC0Flags = wantC0 && !magnitude ? XK_MFCC_TIME | XK_MFCC_FLOOR | XK_MFCC_C0 : 0;
+  // c0 comes from a word other than 1 and 5: its magnitudes are off by
+  // 2^(1 - order + e/2) before the frame's gain.
+  fe.fixedLog2Offset = 1.0 - c.fft_order + (-c.fft_order - fe.fixedInScale) / 2.0;
   const int normLatency = c.cmn == XKL_CMN_UTTERANCE ? -1
                           : c.cmn == XKL_CMN_SLIDING ? c.cmn_window / 2
                                                      : 0;
