@@ -93,12 +93,15 @@ void Normalizer::finish(RowSink &sink) {
 }
 
 void deltaRow(const float *const *taps, int dim, int window, float denominator, float *out) {
-  for (int d = 0; d < dim; ++d) {
-    float acc = 0.0f;
-    for (int k = 1; k <= window; ++k)
-      acc += static_cast<float>(k) * (taps[window + k][d] - taps[window - k][d]);
-    out[d] = acc / denominator;
+  // Column-wise passes (one per k) vectorise across the row; each column
+  // still sums its terms in the order k = 1 .. K.
+  for (int d = 0; d < dim; ++d) out[d] = 0.0f;
+  for (int k = 1; k <= window; ++k) {
+    const float *after = taps[window + k], *before = taps[window - k];
+    const float weight = static_cast<float>(k);
+    for (int d = 0; d < dim; ++d) out[d] += weight * (after[d] - before[d]);
   }
+  for (int d = 0; d < dim; ++d) out[d] /= denominator;
 }
 
 void Deltas::init(int dim, int window) {

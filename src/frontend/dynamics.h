@@ -15,25 +15,26 @@ namespace xk::frontend {
 inline constexpr int kMaxDeltaWindow = 100;
 inline constexpr int kMaxNormWindow = 100001;
 
-// A ring of rows addressed by their absolute index.
+// A ring of at least `capacity` rows addressed by their absolute index (a
+// power of two, so that finding a row is a mask, not a division).
 class RowRing {
  public:
   void init(int dim, int capacity) {
-    dim_ = dim;
-    capacity_ = capacity;
-    data_.assign(static_cast<size_t>(dim) * static_cast<size_t>(capacity), 0.0f);
+    dim_ = static_cast<size_t>(dim);
+    size_t rows = 1;
+    while (rows < static_cast<size_t>(capacity)) rows *= 2;
+    mask_ = rows - 1;
+    data_.assign(dim_ * rows, 0.0f);
   }
-  float *row(long index) {
-    return data_.data() + static_cast<size_t>(index % capacity_) * static_cast<size_t>(dim_);
-  }
+  float *row(long index) { return data_.data() + (static_cast<size_t>(index) & mask_) * dim_; }
   const float *row(long index) const {
-    return data_.data() + static_cast<size_t>(index % capacity_) * static_cast<size_t>(dim_);
+    return data_.data() + (static_cast<size_t>(index) & mask_) * dim_;
   }
 
  private:
   std::vector<float> data_;
-  int dim_ = 0;
-  int capacity_ = 1;
+  size_t dim_ = 0;
+  size_t mask_ = 0;
 };
 
 // Receives the finished rows of a stage.

@@ -190,7 +190,7 @@ int xkl_frontend::computeFrame(const float *samples, int count) {
     float *w = work.data();
     std::copy(samples, samples + count, w);
     std::fill(w + count, w + fftLen, 0.0f);
-    if (cfg.energy == XKL_ENERGY_LOG) energy = kfxsNorm(w, nullptr, len, KFX_L2SQ);
+    if (cfg.energy == XKL_ENERGY_LOG) energy = kfxsDotProd(w, w, len);
     if (cfg.preemphasis != 0.0f) XKsPreemphasize(w, cfg.preemphasis, len);
     const float *win = window.data();
     for (int i = 0; i < len; ++i) w[i] *= win[i];
