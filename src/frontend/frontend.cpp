@@ -175,17 +175,18 @@ struct xkl_frontend {
     emit(joined.data());
   }
 
-  int computeFrame(const float *samples, int count);
-  int pushSamples(const float *samples, size_t n);
-  int finishUtterance();
+  // `quiet` is the caller's guard: the library's reports of this call go
+  // to it, and a frame checks it after its own calls.
+  int computeFrame(const float *samples, int count, const xk::QuietReports &quiet);
+  int pushSamples(const float *samples, size_t n, const xk::QuietReports &quiet);
+  int finishUtterance(const xk::QuietReports &quiet);
   void clearUtterance();
 };
 
 // Statics of one frame (`count` samples, zero-padded to the frame length).
-int xkl_frontend::computeFrame(const float *samples, int count) {
+int xkl_frontend::computeFrame(const float *samples, int count, const xk::QuietReports &quiet) {
   const int len = cfg.frame_length, fftLen = 1 << cfg.fft_order;
   double energy = 0.0;
-  xk::QuietReports quiet;
   if (!fixed) {
     float *w = work.data();
     std::copy(samples, samples + count, w);
@@ -251,7 +252,7 @@ int xkl_frontend::computeFrame(const float *samples, int count) {
   return 0;
 }
 
-int xkl_frontend::pushSamples(const float *samples, size_t n) {
+int xkl_frontend::pushSamples(const float *samples, size_t n, const xk::QuietReports &quiet) {
   const size_t len = static_cast<size_t>(cfg.frame_length);
   const size_t shift = static_cast<size_t>(cfg.frame_shift);
   samplesIn += static_cast<long long>(n);
@@ -264,12 +265,28 @@ int xkl_frontend::pushSamples(const float *samples, size_t n) {
       n -= drop;
       continue;
     }
+    if (pending.size() == head) {
+      // Nothing waits: frames that lie wholly in the chunk are computed
+      // where they are, without a copy.
+      while (n >= len) {
+        const int status = computeFrame(samples, cfg.frame_length, quiet);
+        if (status < 0) return status;
+        const size_t step = std::min(shift, n);
+        skip = shift - step;
+        samples += step;
+        n -= step;
+      }
+      if (skip > 0) continue;
+      pending.assign(samples, samples + n);
+      head = 0;
+      return 0;
+    }
     const size_t take = std::min(n, len - (pending.size() - head));
     pending.insert(pending.end(), samples, samples + take);
     samples += take;
     n -= take;
     if (pending.size() - head < len) break;
-    const int status = computeFrame(pending.data() + head, cfg.frame_length);
+    const int status = computeFrame(pending.data() + head, cfg.frame_length, quiet);
     if (status < 0) return status;
     head += shift;
     if (head >= pending.size()) {
@@ -284,14 +301,14 @@ int xkl_frontend::pushSamples(const float *samples, size_t n) {
   return 0;
 }
 
-int xkl_frontend::finishUtterance() {
+int xkl_frontend::finishUtterance(const xk::QuietReports &quiet) {
   // The padded last frame, when samples remain that no frame covered.
   const long long covered =
       framesDone == 0 ? 0
                       : static_cast<long long>(framesDone - 1) * cfg.frame_shift + cfg.frame_length;
   if (samplesIn > covered) {
     const int count = static_cast<int>(pending.size() - head);
-    const int status = computeFrame(pending.data() + head, count);
+    const int status = computeFrame(pending.data() + head, count, quiet);
     if (status < 0) return status;
   }
   norm.finish(toDeltas);
@@ -473,12 +490,13 @@ int xkl_frontend_push(xkl_frontend *fe, const float *samples, size_t n) {
   if (fe == nullptr) return fail(XK_StsBadArg, "xkl_frontend_push: null front end");
   if (samples == nullptr && n > 0) return fail(XK_StsBadArg, "xkl_frontend_push: null samples");
   return guarded("xkl_frontend_push", [&] {
-    if (!fe->fixed) return fe->pushSamples(samples, n);
+    xk::QuietReports quiet;
+    if (!fe->fixed) return fe->pushSamples(samples, n, quiet);
     float block[1024];
     while (n > 0) {
       const size_t m = std::min(n, sizeof block / sizeof block[0]);
       for (size_t i = 0; i < m; ++i) block[i] = toShort(samples[i]);
-      const int status = fe->pushSamples(block, m);
+      const int status = fe->pushSamples(block, m, quiet);
       if (status < 0) return status;
       samples += m;
       n -= m;
@@ -492,11 +510,12 @@ int xkl_frontend_push_i16(xkl_frontend *fe, const short *samples, size_t n) {
   if (samples == nullptr && n > 0)
     return fail(XK_StsBadArg, "xkl_frontend_push_i16: null samples");
   return guarded("xkl_frontend_push_i16", [&] {
+    xk::QuietReports quiet;
     float block[1024];
     while (n > 0) {
       const size_t m = std::min(n, sizeof block / sizeof block[0]);
       for (size_t i = 0; i < m; ++i) block[i] = samples[i];
-      const int status = fe->pushSamples(block, m);
+      const int status = fe->pushSamples(block, m, quiet);
       if (status < 0) return status;
       samples += m;
       n -= m;
@@ -507,7 +526,10 @@ int xkl_frontend_push_i16(xkl_frontend *fe, const short *samples, size_t n) {
 
 int xkl_frontend_flush(xkl_frontend *fe) {
   if (fe == nullptr) return fail(XK_StsBadArg, "xkl_frontend_flush: null front end");
-  return guarded("xkl_frontend_flush", [&] { return fe->finishUtterance(); });
+  return guarded("xkl_frontend_flush", [&] {
+    xk::QuietReports quiet;
+    return fe->finishUtterance(quiet);
+  });
 }
 
 int xkl_frontend_available(const xkl_frontend *fe) {
