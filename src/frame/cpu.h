@@ -11,6 +11,7 @@ struct CpuFeatures {
   bool sse2;  // x86 baseline; false elsewhere
   bool avx2;
   bool fma;
+  bool avx512f;  // 512-bit float and double arithmetic, with OS support
 };
 
 // The processor's features as the library may use them: all false when the

@@ -1,0 +1,6 @@
+// libFuzzer target of XKwReadDTWPattern.
+#include "fuzz_dtw_read.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  return fuzzReader(data, size, XKwReadDTWPattern, XKwWriteDTWPattern, XKwPatternsNumber, XKwPatternFreeAll);
+}

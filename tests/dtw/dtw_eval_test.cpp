@@ -1,0 +1,345 @@
+// DTW evaluation against a full-matrix reference written from the rules
+// (bands from the slope lines, step choice, pruning, the last-frame rule),
+// with local distances from the norm kernels. Scores must agree bit for bit.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "dtw/dtw_internal.h"
+#include "frame/context.h"
+#include "xkl_test_support.h"
+
+namespace {
+
+using Matrix = std::vector<std::vector<float>>;
+
+// Band per test frame, written the long way: end walks back from the last
+// reference frame losing one every second frame until the slope-2 line from
+// D takes over; start climbs 0,0,1,1,... until the slope-2 line into the
+// last frame takes over.
+void referenceBand(int N, int M, int D, std::vector<int> &start, std::vector<int> &end) {
+  start.assign(N, 0), end.assign(N, 0);
+  const int k1 = std::max(-1, static_cast<int>(std::floor((2.0 * M - N - 2 * D - 1) / 3)));
+  int e = M - 1;
+  for (int i = N - 1; i > k1; --i) {
+    end[i] = e;
+    if ((i - 1) % 2 == (N - 1) % 2) --e;
+  }
+  for (int i = k1; i >= 0; --i) end[i] = D + 2 * i;
+  int k2 = static_cast<int>(std::ceil((4.0 * N + 2 * D - 2 * M - 2) / 3));
+  if (k2 > N - 1) k2 = N;
+  for (int i = 0; i < N; ++i) start[i] = i < k2 ? i / 2 : M + 2 * i - 2 * N - D + 1;
+}
+
+// Value traits of the reference: float cells with the 3.4e38 sentinel and a
+// double threshold, or 32-bit cells with 0x7FFFFFFF and an int threshold.
+struct FloatCells {
+  using V = float;
+  using Score = double;
+  static V inf() { return 3.4e38f; }
+  static bool below(V a, Score T) { return static_cast<double>(a) < T; }
+  static V fromScore(Score T) { return static_cast<float>(T); }
+  static bool measured(V a) { return static_cast<double>(a) < 3.4e38; }
+  static V add(V a, V d) { return a + d; }
+};
+struct IntCells {
+  using V = int32_t;
+  using Score = int32_t;
+  static V inf() { return 0x7FFFFFFF; }
+  static bool below(V a, Score T) { return a < T; }
+  static V fromScore(Score T) { return T; }
+  static bool measured(V) { return true; }
+  static V add(V a, V d) { return static_cast<V>(std::min<int64_t>(int64_t{a} + d, 0x7FFFFFFF)); }
+};
+
+// One pattern, full matrix: row i of C and H from row i-1, cells outside the
+// band unreachable. dist(i, j) gives the local distance as a cell value.
+template <class C, class Dist>
+typename C::Score referenceScore(int N, int M, int D, typename C::Score T, Dist dist) {
+  using V = typename C::V;
+  std::vector<int> start, end;
+  referenceBand(N, M, D, start, end);
+  const V inf = C::inf();
+  std::vector<std::vector<V>> A(N, std::vector<V>(M, inf));
+  std::vector<std::vector<int>> H(N, std::vector<int>(M, 0));
+  const auto at = [&](int i, int j) { return j < 0 ? inf : A[i][j]; };
+  bool any = false;
+  for (int j = 0; j <= end[0]; ++j) {
+    A[0][j] = dist(0, j);
+    if (C::below(A[0][j], T)) any = true; else A[0][j] = inf;
+  }
+  if (!any) return T;
+  // Predecessor of (i, j) from row i-1; `blocked` replaces a second
+  // horizontal step.
+  const auto pred = [&](int i, int j, V blocked, int &horizontal) {
+    V c = H[i - 1][j] ? blocked : at(i - 1, j);
+    horizontal = 1;
+    if (at(i - 1, j - 1) <= c) c = at(i - 1, j - 1), horizontal = 0;
+    if (at(i - 1, j - 2) < c) c = at(i - 1, j - 2), horizontal = 0;
+    return c;
+  };
+  for (int i = 1; i < N - 1; ++i) {
+    any = false;
+    for (int j = start[i]; j <= end[i]; ++j) {
+      V c = pred(i, j, inf, H[i][j]);
+      if (!C::below(c, T)) c = inf;
+      if (C::below(c, T)) any = true;
+      A[i][j] = C::measured(c) ? C::add(c, dist(i, j)) : c;
+    }
+    if (!any) return T;
+  }
+  // Last frame (with N == 1 it follows the first frame's own values).
+  const int last = N - 1;
+  std::vector<V> prevRow = A[N == 1 ? 0 : last - 1];
+  std::vector<int> prevH = H[N == 1 ? 0 : last - 1];
+  typename C::Score best = T;
+  V bestValue = C::fromScore(T);
+  const auto prev = [&](int j) { return j < 0 ? inf : prevRow[j]; };
+  for (int j = M - 1; j >= start[last]; --j) {
+    V c = prevH[j] ? C::fromScore(T) : prev(j);
+    if (prev(j - 1) <= c) c = prev(j - 1);
+    if (prev(j - 2) < c) c = prev(j - 2);
+    const V a = C::add(dist(last, j), c);
+    if (C::below(a, T) && a < bestValue) bestValue = a, best = a;
+  }
+  return best;
+}
+
+// Random frames; with `coarse` the values are small integers, so distances
+// tie often and the tie rules decide.
+Matrix randomFrames(std::mt19937 &gen, int n, int dim, bool coarse) {
+  Matrix m(n, std::vector<float>(dim));
+  std::uniform_real_distribution<float> u(-2, 2);
+  for (auto &row : m)
+    for (auto &v : row) v = coarse ? static_cast<float>(gen() % 3) : u(gen);
+  return m;
+}
+
+std::vector<float *> rows(Matrix &m) {
+  std::vector<float *> p;
+  for (auto &r : m) p.push_back(r.data());
+  return p;
+}
+
+constexpr xk::dtw::DtwIsa kIsas[] = {xk::dtw::DtwIsa::Avx512, xk::dtw::DtwIsa::Avx2, xk::dtw::DtwIsa::Portable};
+
+class DtwEval : public xkltest::ReportingTest {
+ protected:
+  void TearDown() override {
+    XKsPatternFreeAll();
+    XKwPatternFreeAll();
+    xk::dtw::setDtwIsa(xk::dtw::DtwIsa::Avx512);
+    ReportingTest::TearDown();
+  }
+};
+
+double floatReference(Matrix &test, Matrix &ref, int D, int flags, double T) {
+  const int N = static_cast<int>(test.size()), M = static_cast<int>(ref.size());
+  const int dim = static_cast<int>(test[0].size());
+  return referenceScore<FloatCells>(N, M, std::min(D, M - 1), T, [&](int i, int j) {
+    return static_cast<float>(kfxsNorm(test[i].data(), ref[j].data(), dim, flags & 128 ? KFX_L1 : KFX_L2));
+  });
+}
+
+// Random tests and patterns with lengths around both admission bounds,
+// every flag combination, thresholds that prune some patterns, both kernels.
+TEST_F(DtwEval, FloatScoresEqualTheFullMatrixReference) {
+  std::mt19937 gen(11);
+  int compared = 0, pruned = 0;
+  for (int N : {1, 2, 3, 4, 7, 20, 41})
+    for (int delta : {0, 2, -5})
+      for (bool coarse : {false, true}) {
+        const int dim = coarse ? 2 : 1 + static_cast<int>(gen() % 13);
+        Matrix test = randomFrames(gen, N, dim, coarse);
+        std::vector<Matrix> refs;
+        std::vector<int> ids;
+        const int lo = (N - 1) / 2 + 1, hi = 2 * N - 1 + std::abs(delta);
+        for (int M : {lo - 1, lo, lo + 1, N, (lo + hi) / 2, hi - 1, hi, hi + 1}) {
+          if (M < 1) continue;
+          refs.push_back(randomFrames(gen, M, dim, coarse));
+          auto p = rows(refs.back());
+          ids.push_back(XKsPatternIni(p.data(), M, dim));
+        }
+        auto t = rows(test);
+        for (int flags : {0, 1, 64, 65, 128, 129, 192, 193})
+          for (auto isa : kIsas) {
+            if (isa > xk::dtw::dtwIsaAvailable()) continue;
+            xk::dtw::setDtwIsa(isa);
+            const double T = flags & 64 ? 0.6 * N * (coarse ? 1.0 : 2.0) : 3.4e38;
+            std::vector<double> scores(ids.size());
+            const int best = XKsEvalDTW(ids.data(), static_cast<int>(ids.size()), t.data(), N, dim, flags, T, delta,
+                                        scores.data());
+            double bestScore = 3.4e38;
+            int expectBest = 0;
+            for (size_t p = 0; p < ids.size(); ++p) {
+              const int M = static_cast<int>(refs[p].size());
+              const int D = flags & 1 ? 0 : std::abs(delta);
+              const bool in = M >= lo && M <= 2 * N - 1 + D;
+              const double want = in ? floatReference(test, refs[p], D, flags, flags & 64 ? T : 3.4e38) : 3.4e38;
+              EXPECT_EQ(scores[p], want) << "N " << N << " M " << M << " delta " << delta << " flags " << flags
+                                         << " coarse " << coarse << " isa " << static_cast<int>(isa);
+              if (want < bestScore) bestScore = want, expectBest = static_cast<int>(p);
+              compared += in;
+              pruned += in && want == T;
+            }
+            EXPECT_EQ(best, expectBest);
+          }
+        XKsPatternFreeAll();
+      }
+  EXPECT_GT(compared, 1000);
+  EXPECT_GT(pruned, 50);  // the thresholds did prune
+  EXPECT_TRUE(xkltest::reports().empty());
+}
+
+// The listed cases, on one test of 12 frames of dim 3.
+TEST_F(DtwEval, IdentityExclusionThresholdTiesAndFixedEnds) {
+  std::mt19937 gen(3);
+  Matrix test = randomFrames(gen, 12, 3, false), other = randomFrames(gen, 12, 3, false);
+  Matrix tooShort = randomFrames(gen, 5, 3, false), tooLong = randomFrames(gen, 24, 3, false);
+  auto t = rows(test), o = rows(other), s = rows(tooShort), l = rows(tooLong);
+  const int idOther = XKsPatternIni(o.data(), 12, 3), idSame = XKsPatternIni(t.data(), 12, 3);
+  const int idOther2 = XKsPatternIni(o.data(), 12, 3);
+  const int idShort = XKsPatternIni(s.data(), 5, 3), idLong = XKsPatternIni(l.data(), 24, 3);
+  double sc[4];
+  int ids[4] = {idOther, idSame, idShort, idLong};
+  EXPECT_EQ(XKsEvalDTW(ids, 4, t.data(), 12, 3, 0, 0, 0, sc), 1);
+  EXPECT_EQ(sc[1], 0.0);
+  EXPECT_EQ(sc[2], 3.4e38);
+  EXPECT_EQ(sc[3], 3.4e38);
+  // Excluded lengths only, or another dim: result 0.
+  int excluded[2] = {idShort, idLong};
+  EXPECT_EQ(XKsEvalDTW(excluded, 2, t.data(), 12, 3, 0, 0, 0, sc), 0);
+  EXPECT_EQ(XKsEvalDTW(ids, 2, t.data(), 12, 2, 0, 0, 0, sc), 0);
+  EXPECT_EQ(sc[0], 3.4e38);
+  // A delta of 0 excludes 24 frames (> 23), a delta of 1 admits them.
+  EXPECT_LT((XKsEvalDTW(&idLong, 1, t.data(), 12, 3, 0, 0, 1, sc), sc[0]), 3.4e38);
+  // A threshold below every first-frame distance: exactly the threshold.
+  int two[2] = {idOther, idOther2};
+  EXPECT_EQ(XKsEvalDTW(two, 2, t.data(), 12, 3, 64, 1e-6, 0, sc), 0);
+  EXPECT_EQ(sc[0], 1e-6);
+  EXPECT_EQ(sc[1], 1e-6);
+  // Equal scores: the first pattern in the list wins.
+  int swapped[2] = {idOther2, idOther};
+  EXPECT_EQ(XKsEvalDTW(two, 2, t.data(), 12, 3, 0, 0, 0, sc), 0);
+  EXPECT_EQ(sc[0], sc[1]);
+  EXPECT_EQ(XKsEvalDTW(swapped, 2, t.data(), 12, 3, 0, 0, 0, sc), 0);
+  // Flag 1 ignores delta.
+  double fixed0, fixed5;
+  XKsEvalDTW(&idOther, 1, t.data(), 12, 3, 1, 0, 0, &fixed0);
+  XKsEvalDTW(&idOther, 1, t.data(), 12, 3, 1, 0, 5, &fixed5);
+  EXPECT_EQ(fixed0, fixed5);
+}
+
+// 16-bit patterns: the integer path against the integer reference for the
+// scale modes 0, 1 and 3 and every flag combination; on integer data with
+// L1 every local distance is exact, so the integer path also equals the
+// float evaluation of the same values.
+TEST_F(DtwEval, IntegerPathEqualsItsReferenceAndTheFloatPath) {
+  std::mt19937 gen(17);
+  for (int N : {1, 3, 9, 30}) {
+    const int dim = 1 + static_cast<int>(gen() % 6);
+    const auto frames = [&](int n, int range) {
+      std::vector<std::vector<short>> m(n, std::vector<short>(dim));
+      for (auto &r : m)
+        for (auto &v : r) v = static_cast<short>(static_cast<int>(gen() % (2 * range + 1)) - range);
+      return m;
+    };
+    auto test = frames(N, 3000);
+    std::vector<short *> t;
+    for (auto &r : test) t.push_back(r.data());
+    std::vector<std::vector<std::vector<short>>> refs;
+    std::vector<int> ids;
+    for (int M : {N / 2 + 1, N, 2 * N - 1, 2 * N + 2}) {
+      refs.push_back(frames(M, 3000));
+      std::vector<short *> p;
+      for (auto &r : refs.back()) p.push_back(r.data());
+      ids.push_back(XKwPatternIni(p.data(), M, dim, 0));
+    }
+    for (int flags : {0, 1, 64, 65, 128, 129, 192, 193})
+      for (int scaleMode : {0, 1, 3}) {
+        xk::dtw::setDtwIsa(kIsas[(flags / 64 + scaleMode) % 3]);  // every kernel, over the cases
+        int factor = 2;
+        const int T = flags & 64 ? 1500 * N : 0x7FFFFFFF;
+        std::vector<int> scores(ids.size());
+        XKwEvalDTW(ids.data(), static_cast<int>(ids.size()), t.data(), N, dim, 0, flags, T, 5, 3, scores.data(),
+                   scaleMode, &factor);
+        for (size_t p = 0; p < ids.size(); ++p) {
+          auto &ref = refs[p];
+          const int M = static_cast<int>(ref.size());
+          const int D = flags & 1 ? 0 : 3;
+          int want = 0x7FFFFFFF;
+          if (M >= (N - 1) / 2 + 1 && M <= 2 * N - 1 + D)
+            want = referenceScore<IntCells>(N, M, std::min(D, M - 1), T, [&](int i, int j) {
+              int f = factor;
+              const double v = kfxwNormExt(test[i].data(), ref[j].data(), dim, flags & 128 ? KFX_L1 : KFX_L2,
+                                           scaleMode == 1 ? KFX_FIXED_SCALE : 0, &f);
+              return static_cast<int32_t>(v);
+            });
+          EXPECT_EQ(scores[p], want) << "N " << N << " M " << M << " flags " << flags << " mode " << scaleMode;
+        }
+        if (scaleMode == 0 && (flags & 128) && !(flags & 64)) {
+          std::vector<std::vector<float>> ft(N);
+          std::vector<float *> fp;
+          for (int i = 0; i < N; ++i) ft[i].assign(test[i].begin(), test[i].end()), fp.push_back(ft[i].data());
+          std::vector<int> fids;
+          for (auto &ref : refs) {
+            std::vector<std::vector<float>> fr(ref.size());
+            std::vector<float *> frp;
+            for (size_t j = 0; j < ref.size(); ++j) fr[j].assign(ref[j].begin(), ref[j].end()), frp.push_back(fr[j].data());
+            fids.push_back(XKsPatternIni(frp.data(), static_cast<int>(ref.size()), dim));
+          }
+          std::vector<double> fs(ids.size());
+          XKsEvalDTW(fids.data(), static_cast<int>(fids.size()), fp.data(), N, dim, flags, 0, 3, fs.data());
+          for (size_t p = 0; p < ids.size(); ++p)
+            EXPECT_EQ(fs[p] == 3.4e38 ? 0x7FFFFFFF : fs[p], scores[p]) << "N " << N << " pattern " << p;
+          XKsPatternFreeAll();
+        }
+      }
+    XKwPatternFreeAll();
+  }
+}
+
+// Automatic scaling evaluates in float on the float copies: the same
+// scores as XKsEvalDTW on those values, converted with XKdibConvertDown.
+TEST_F(DtwEval, AutomaticScalingUsesTheFloatCopies) {
+  std::mt19937 gen(23);
+  const int N = 15, dim = 4, testScale = -6, patternScale = -5;
+  std::vector<std::vector<short>> test(N, std::vector<short>(dim));
+  std::vector<short *> t;
+  std::vector<std::vector<float>> ft(N, std::vector<float>(dim));
+  std::vector<float *> fp;
+  for (int i = 0; i < N; ++i) {
+    for (int k = 0; k < dim; ++k) test[i][k] = static_cast<short>(gen() % 2001) - 1000, ft[i][k] = std::ldexp(test[i][k], testScale);
+    t.push_back(test[i].data()), fp.push_back(ft[i].data());
+  }
+  std::vector<int> wids, sids;
+  for (int M : {10, 15, 22}) {
+    std::vector<std::vector<short>> r(M, std::vector<short>(dim));
+    std::vector<short *> rp;
+    for (auto &row : r) {
+      for (auto &v : row) v = static_cast<short>(gen() % 2001) - 1000;
+      rp.push_back(row.data());
+    }
+    wids.push_back(XKwPatternIni(rp.data(), M, dim, patternScale));
+    const XKwPattern *rec = static_cast<const XKwPattern *>(xk::context().wPatterns.head);
+    while (rec->id != wids.back()) rec = rec->next;
+    sids.push_back(XKsPatternIni(rec->floatData, M, dim));
+  }
+  for (int flags : {0, 64, 128, 193}) {
+    std::vector<double> want(3);
+    const int wantBest = XKsEvalDTW(sids.data(), 3, fp.data(), N, dim, flags, std::ldexp(300.0, -4), 2, want.data());
+    std::vector<int> wantInt(3), got(3);
+    int wantFactor = 0, factor = 0;
+    XKdibConvertDown(want.data(), wantInt.data(), 3, XK_AUTO_SCALE, &wantFactor);
+    EXPECT_EQ(XKwEvalDTW(wids.data(), 3, t.data(), N, dim, testScale, flags, 300, -4, 2, got.data(), XK_AUTO_SCALE, &factor),
+              wantBest);
+    EXPECT_EQ(got, wantInt) << flags;
+    EXPECT_EQ(factor, wantFactor);
+  }
+}
+
+}  // namespace
