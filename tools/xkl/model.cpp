@@ -132,7 +132,9 @@ std::string matchWords(const MatchOptions &m) {
   std::ostringstream out;
   out << "templates_per_word=" << m.templatesPerWord << " neighbours=" << m.neighbours
       << " delta=" << m.delta << " city_block=" << (m.cityBlock ? 1 : 0)
-      << " speaker_norm=" << m.speakerNorm << " warps=";
+      << " speaker_norm=" << m.speakerNorm << " delta_weight_percent="
+      << std::lround(m.deltaWeight * 100) << " adapt_percent=" << std::lround(m.adapt * 100)
+      << " warps=";
   out.precision(6);
   for (size_t i = 0; i < m.warps.size(); ++i) out << (i ? ":" : "") << m.warps[i];
   return out.str();
@@ -165,6 +167,8 @@ void parseMatch(const std::string &words, MatchOptions &m) {
     else if (k == "delta") m.delta = value;
     else if (k == "city_block") m.cityBlock = value != 0;
     else if (k == "speaker_norm") m.speakerNorm = value;
+    else if (k == "delta_weight_percent") m.deltaWeight = value / 100.0;
+    else if (k == "adapt_percent") m.adapt = value / 100.0;
     else throw ToolError{"unknown match setting: " + k};
   }
   if (m.neighbours < 1 || m.neighbours > 1000 || m.delta < 0 || m.delta > 1000 ||
@@ -236,6 +240,14 @@ void normalizeGroups(std::vector<Features> &items, const std::vector<std::string
   }
 }
 
+void weightDynamics(std::vector<Features> &items, int statics, double weight) {
+  if (weight == 1.0) return;
+  const float w = static_cast<float>(weight);
+  for (Features &f : items)
+    for (int t = 0; t < f.frames; ++t)
+      for (int d = statics; d < f.dim; ++d) f.data[static_cast<size_t>(t) * f.dim + d] *= w;
+}
+
 xkl_frontend_config warpedConfig(const FrontOptions &front, int sampleRate, double factor) {
   if (factor == 1.0) return toConfig(front, sampleRate);
   // Scaled edges; an open upper edge is taken as 90% of the band so that a
@@ -254,7 +266,7 @@ Model train(const std::vector<LabelledFile> &files, const FrontOptions &front,
   model.front = front;
   model.match = match;
   std::vector<Features> items;
-  std::vector<std::string> keys, labels;
+  std::vector<std::string> keys, labels, speakers;
   Progress bar(progress, "features", files.size());
   double seconds = 0;
   xkl_frontend_config config{};
@@ -276,20 +288,29 @@ Model train(const std::vector<LabelledFile> &files, const FrontOptions &front,
                                       audio.samples, file.path));
       keys.push_back(file.speaker + "\n" + std::to_string(w));
       labels.push_back(file.label);
+      speakers.push_back(file.speaker);
     }
     bar.step(file.path);
   }
   bar.done();
   normalizeGroups(items, keys, match.speakerNorm);
-  std::map<std::string, std::vector<Features>> byWord;
-  for (size_t i = 0; i < items.size(); ++i) byWord[labels[i]].push_back(std::move(items[i]));
+  weightDynamics(items, config.n_ceps, match.deltaWeight);
+  // Templates are chosen per word and speaker.
+  std::map<std::string, int> groupOf;
+  for (const std::string &s : speakers) groupOf.emplace(s, 0);
+  int next = 0;
+  for (auto &entry : groupOf) entry.second = next++;
+  std::map<std::string, std::map<int, std::vector<Features>>> byWord;
+  for (size_t i = 0; i < items.size(); ++i) byWord[labels[i]][groupOf[speakers[i]]].push_back(std::move(items[i]));
   Progress chooser(progress, "templates", byWord.size());
-  for (auto &[word, items] : byWord) {
+  for (auto &[word, groups] : byWord) {
     model.words.push_back(word);
-    for (int i : medoids(items, match.templatesPerWord, match)) {
-      model.templates.push_back(std::move(items[static_cast<size_t>(i)]));
-      model.templateWord.push_back(static_cast<int>(model.words.size()) - 1);
-    }
+    for (auto &[group, members] : groups)
+      for (int i : medoids(members, match.templatesPerWord, match)) {
+        model.templates.push_back(std::move(members[static_cast<size_t>(i)]));
+        model.templateWord.push_back(static_cast<int>(model.words.size()) - 1);
+        model.templateGroup.push_back(group);
+      }
     chooser.step(word);
   }
   chooser.done();
@@ -325,7 +346,8 @@ void saveModel(const Model &model, const std::string &dir) {
                << "templates " << kTemplates << " " << model.templates.size() << "\n";
       for (size_t w = 0; w < model.words.size(); ++w) manifest << "word " << w << " " << model.words[w] << "\n";
       for (size_t i = 0; i < model.templates.size(); ++i)
-        manifest << "template " << store.ids[i] << " " << model.templateWord[i] << "\n";
+        manifest << "template " << store.ids[i] << " " << model.templateWord[i] << " "
+                 << model.templateGroup[i] << "\n";
       manifest << "end\n";
       manifest.close();
       if (!manifest) throw ToolError{(partial / kManifest).string() + ": write failed"};
@@ -393,12 +415,14 @@ Model loadModel(const std::string &dir) {
       if (!(t >> index >> label) || index != model.words.size()) throw corrupt("bad word line");
       model.words.push_back(label);
     } else if (key == "template") {
-      int id = 0, word = -1;
+      int id = 0, word = -1, group = -1;
       std::istringstream t(rest);
-      if (!(t >> id >> word) || word < 0 || word >= static_cast<int>(model.words.size()))
+      if (!(t >> id >> word >> group) || word < 0 || word >= static_cast<int>(model.words.size()) ||
+          group < 0 || group > 1000000)
         throw corrupt("bad template line");
       templateIds.push_back(id);
       model.templateWord.push_back(word);
+      model.templateGroup.push_back(group);
     } else if (key == "end") {
       ended = true;
       break;
@@ -439,31 +463,46 @@ Model loadModel(const std::string &dir) {
 }
 
 Recognizer::Recognizer(const Model &model) : model_(model) {
-  for (const Features &t : model.templates) {
-    std::vector<float *> rows(static_cast<size_t>(t.frames));
-    for (int i = 0; i < t.frames; ++i) rows[static_cast<size_t>(i)] = const_cast<float *>(t.row(i));
-    const int id = XKsPatternIni(rows.data(), t.frames, t.dim);
-    if (id < 0) {
-      for (int stored : ids_) XKsPatternFree(stored);
-      throw ToolError{"out of memory for the templates"};
-    }
-    ids_.push_back(id);
+  try {
+    for (size_t i = 0; i < model.templates.size(); ++i) addTemplate(model.templates[i], model.templateWord[i]);
+  } catch (...) {
+    for (int id : ids_) XKsPatternFree(id);
+    throw;
   }
+  base_ = ids_.size();
 }
 
 Recognizer::~Recognizer() {
   for (int id : ids_) XKsPatternFree(id);
 }
 
-std::vector<Ranked> Recognizer::rank(const Features &utterance) const {
-  std::vector<int> lengths;
-  for (const Features &t : model_.templates) lengths.push_back(t.frames);
-  const std::vector<double> d = distances(ids_, lengths, utterance, model_.match);
+size_t Recognizer::addTemplate(const Features &f, int word) {
+  std::vector<float *> rows(static_cast<size_t>(f.frames));
+  for (int i = 0; i < f.frames; ++i) rows[static_cast<size_t>(i)] = const_cast<float *>(f.row(i));
+  const int id = XKsPatternIni(rows.data(), f.frames, f.dim);
+  if (id < 0) throw ToolError{"out of memory for the templates"};
+  ids_.push_back(id);
+  lengths_.push_back(f.frames);
+  words_.push_back(word);
+  return ids_.size() - 1;
+}
+
+void Recognizer::dropAdded() {
+  for (size_t i = base_; i < ids_.size(); ++i) XKsPatternFree(ids_[i]);
+  ids_.resize(base_);
+  lengths_.resize(base_);
+  words_.resize(base_);
+}
+
+std::vector<Ranked> Recognizer::rank(const Features &utterance, long skip) const {
+  std::vector<double> d = distances(ids_, lengths_, utterance, model_.match);
+  if (skip >= 0) d[static_cast<size_t>(skip)] = std::numeric_limits<double>::infinity();
   // A word's score is the mean distance of its k nearest templates: one
-  // close template of another speaker weighs less than several of the word.
+  // close template of another word weighs less than several of the word.
   const size_t words = model_.words.size();
   std::vector<std::vector<double>> perWord(words);
-  for (size_t i = 0; i < d.size(); ++i) perWord[static_cast<size_t>(model_.templateWord[i])].push_back(d[i]);
+  for (size_t i = 0; i < d.size(); ++i)
+    if (std::isfinite(d[i])) perWord[static_cast<size_t>(words_[i])].push_back(d[i]);
   std::vector<double> best(words, std::numeric_limits<double>::infinity());
   for (size_t w = 0; w < words; ++w) {
     std::vector<double> &v = perWord[w];
@@ -481,6 +520,31 @@ std::vector<Ranked> Recognizer::rank(const Features &utterance) const {
   std::vector<Ranked> out;
   for (size_t w : ranking) out.push_back({model_.words[w], best[w]});
   return out;
+}
+
+std::vector<std::vector<Ranked>> Recognizer::recognizeSpeaker(const std::vector<const Features *> &files) {
+  std::vector<std::vector<Ranked>> ranked;
+  for (const Features *f : files) ranked.push_back(rank(*f));
+  const size_t adopt = static_cast<size_t>(std::floor(model_.match.adapt * static_cast<double>(files.size())));
+  if (adopt == 0) return ranked;
+  // Confidence: how far the runner-up trails, relative to the best score.
+  std::vector<std::pair<double, size_t>> margin;
+  for (size_t i = 0; i < files.size(); ++i) {
+    const double a = ranked[i][0].score, b = ranked[i].size() > 1 ? ranked[i][1].score : a;
+    margin.push_back({std::isfinite(a) && a > 0 ? (b - a) / a : 0.0, i});
+  }
+  std::sort(margin.begin(), margin.end(), [](const auto &x, const auto &y) {
+    return x.first > y.first || (x.first == y.first && x.second < y.second);
+  });
+  std::vector<long> own(files.size(), -1);  // each adopted file's own template
+  for (size_t r = 0; r < adopt; ++r) {
+    const size_t i = margin[r].second;
+    const auto w = std::find(model_.words.begin(), model_.words.end(), ranked[i][0].word) - model_.words.begin();
+    own[i] = static_cast<long>(addTemplate(*files[i], static_cast<int>(w)));
+  }
+  for (size_t i = 0; i < files.size(); ++i) ranked[i] = rank(*files[i], own[i]);
+  dropAdded();
+  return ranked;
 }
 
 }  // namespace xkltool

@@ -12,18 +12,29 @@
 namespace xkltool {
 
 struct MatchOptions {
-  int templatesPerWord = 12;  // templates kept per word (0: every training file)
-  int neighbours = 3;         // nearest templates that vote
+  int templatesPerWord = 0;   // templates kept per word and speaker (0: every training file)
+  int neighbours = 1;         // a word's score: the mean distance of its k nearest templates
   int delta = 2;              // frames of free start and end
   bool cityBlock = false;     // L1 local distance (else L2)
   // Training copies of each file with the filter bank's edges scaled by
   // these factors (a vocal-tract-length warp), so that the templates cover
   // voices whose formants sit higher or lower; 1 is the file as it is.
   std::vector<double> warps = {1.0};
+  // Self-adaptation to a speaker: after a first pass over one speaker's
+  // files, this fraction of them, the most confidently recognised, join the
+  // templates under the words they were given, and every file of the
+  // speaker is recognised again (never against itself). 0 turns it off.
+  double adapt = 0.0;
   // Cepstral normalisation over all the frames of one speaker's files
   // (0 off, 1 mean, 2 mean and variance), in training and in recognition.
   int speakerNorm = 0;
+  // Weight of the delta and delta-delta columns against the statics in the
+  // local distance (after normalisation).
+  double deltaWeight = 1.0;
 };
+
+// Scales every column past the first `statics` of each matrix by `weight`.
+void weightDynamics(std::vector<Features> &items, int statics, double weight);
 
 // Normalises each group of matrices with the same key over the group's
 // frames together (the library's utterance normalisation of their
@@ -49,6 +60,7 @@ struct Model {
   int dim = 0;
   std::vector<std::string> words;       // distinct labels, sorted
   std::vector<int> templateWord;        // word index of each template
+  std::vector<int> templateGroup;       // speaker group of each template (0 without speakers)
   std::vector<Features> templates;
 };
 
@@ -80,11 +92,21 @@ class Recognizer {
   Recognizer(const Recognizer &) = delete;
   Recognizer &operator=(const Recognizer &) = delete;
 
-  std::vector<Ranked> rank(const Features &utterance) const;
+  // Every word, best first; template `skip` (if any) takes no part.
+  std::vector<Ranked> rank(const Features &utterance, long skip = -1) const;
+
+  // Extra templates (for self-adaptation): add one, or drop all added.
+  size_t addTemplate(const Features &f, int word);
+  void dropAdded();
+
+  // Recognises the files of one speaker (normalised features), with the
+  // model's self-adaptation when it asks for it.
+  std::vector<std::vector<Ranked>> recognizeSpeaker(const std::vector<const Features *> &files);
 
  private:
   const Model &model_;
-  std::vector<int> ids_;  // pattern ids in this thread's store
+  std::vector<int> ids_, lengths_, words_;  // per template: store id, frames, word
+  size_t base_ = 0;                         // templates of the model itself
 };
 
 }  // namespace xkltool
