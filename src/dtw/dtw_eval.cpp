@@ -54,6 +54,8 @@ struct Work {
   int32_t *Ai = nullptr;
   int32_t *F = nullptr;
   double *dist = nullptr;
+  float *fd = nullptr;  // two float distance columns
+  int64_t col = 0;
   int *start = nullptr, *end = nullptr;
   double *X = nullptr, *ref = nullptr;
 
@@ -61,10 +63,10 @@ struct Work {
     N = nTest;
     dim = dimension;
     ld = (static_cast<int64_t>(maxM) + kPad + 3) / 4 * 4;
-    const int64_t col = ld + 2 * kPad;
+    col = ld + 2 * kPad;
     const uint64_t doubles = static_cast<uint64_t>(col) + static_cast<uint64_t>(N) * dim +
                              static_cast<uint64_t>(dim) * static_cast<uint64_t>(ld);
-    const uint64_t words = 3 * static_cast<uint64_t>(col) + 2 * static_cast<uint64_t>(N);
+    const uint64_t words = 5 * static_cast<uint64_t>(col) + 2 * static_cast<uint64_t>(N);
     if (doubles > (uint64_t{1} << 56) / 8 || words > (uint64_t{1} << 56) / 4) return false;
     const size_t bytes = static_cast<size_t>(doubles * 8 + words * 4 + 64);
     block = std::calloc(1, bytes);
@@ -77,7 +79,8 @@ struct Work {
     A = reinterpret_cast<float *>(w) + kPad;
     Ai = w + col + kPad;
     F = w + 2 * col + kPad;
-    start = w + 3 * col;
+    fd = reinterpret_cast<float *>(w + 3 * col) + kPad;
+    start = w + 5 * col;
     end = start + N;
     return true;
   }
@@ -123,15 +126,9 @@ double floatPattern(Work &w, int M, int D, bool l1, double T) {
   // Inner frames: predecessor choice (horizontal unless taken last time,
   // ties to the diagonal, the skip only when strictly better), pruning,
   // then the local distances of the cells still measured.
-  for (int i = 1; i < N - 1; ++i) {
-    const int s = w.start[i], e = w.end[i];
-    const bool any = floatStep(A, F, s, e, tf, kInf);
-    A[s - 1] = kInf;
-    A[s - 2] = kInf;
-    if (!any) return T;
-    localDistances(w.X + static_cast<int64_t>(i) * w.dim, w.ref, w.ld, w.dim, s, e, l1, dist);
-    floatAddDistances(A, dist, s, e, kMeasureBelow);
-  }
+  if (!floatInnerFrames(A, F, w.start, w.end, N, tf, kInf, kMeasureBelow, w.X, w.ref, w.ld, w.dim, l1, dist, w.fd,
+                        w.fd + w.col))
+    return T;
   // Last test frame: every cell is measured; a blocked horizontal step
   // costs the threshold; the best end is the smallest value below T, the
   // highest frame among equals.
@@ -154,29 +151,18 @@ double floatPattern(Work &w, int M, int D, bool l1, double T) {
   return best >= 0 ? static_cast<double>(A[best]) : T;
 }
 
-// Integer local distance: the 16-bit norm truncated toward zero, scaled by
-// 2^-shift first when shift is in use, saturated at kUnreachable.
-struct IntDistance {
-  bool fixed = false;
-  int shift = 0;
-  int32_t operator()(double v) const {
-    if (fixed) {
-      if (shift > 1000) return 0;  // every 16-bit norm is far below 2^1000
-      if (shift < -1000) return v == 0.0 ? 0 : kUnreachable;
-      v = std::ldexp(v, -shift);
-    }
-    return v >= 2147483647.0 ? kUnreachable : static_cast<int32_t>(v);
-  }
-};
-
-int32_t satAdd(int32_t a, int32_t b) {
-  const uint32_t s = static_cast<uint32_t>(a) + static_cast<uint32_t>(b);
-  return s > 0x7FFFFFFFu ? kUnreachable : static_cast<int32_t>(s);
+// Scale of the integer local distances: 2^-shift with the fixed scale,
+// else 1. Every 16-bit norm is 0 or between 1 and 2^40, so shifts beyond
+// +-1000 give 0 or saturate, as 0 and 2^1000 do.
+double intScale(bool fixed, int shift) {
+  if (!fixed) return 1.0;
+  if (shift > 1000) return 0.0;
+  return std::ldexp(1.0, shift < -1000 ? 1000 : -shift);
 }
 
 // The same recurrence on 32-bit integers: kUnreachable for unreachable
 // cells, T the plain integer threshold.
-int32_t intPattern(Work &w, int M, int D, bool l1, int32_t T, const IntDistance &toInt) {
+int32_t intPattern(Work &w, int M, int D, bool l1, int32_t T, double scale) {
   const int N = w.N;
   int32_t *A = w.Ai;
   int32_t *F = w.F;
@@ -191,7 +177,7 @@ int32_t intPattern(Work &w, int M, int D, bool l1, int32_t T, const IntDistance 
     localDistances(w.X, w.ref, w.ld, w.dim, 0, e, l1, dist);
     bool any = false;
     for (int j = e; j >= 0; --j) {
-      const int32_t d = toInt(dist[j]);
+      const int32_t d = intDistance(dist[j], scale);
       if (d < T)
         A[j] = d, any = true;
       else
@@ -199,27 +185,10 @@ int32_t intPattern(Work &w, int M, int D, bool l1, int32_t T, const IntDistance 
     }
     if (!any) return T;
   }
-  for (int i = 1; i < N - 1; ++i) {
-    const int s = w.start[i], e = w.end[i];
-    for (int j = e; j >= s; --j) {
-      int32_t c = F[j] ? kUnreachable : A[j];
-      int32_t h = -1;
-      if (A[j - 1] <= c) c = A[j - 1], h = 0;
-      if (A[j - 2] < c) c = A[j - 2], h = 0;
-      A[j] = c;
-      F[j] = h;
-    }
-    A[s - 1] = kUnreachable;
-    A[s - 2] = kUnreachable;
-    bool any = false;
-    for (int j = s; j <= e; ++j) {
-      if (A[j] >= T) A[j] = kUnreachable;
-      if (A[j] < T) any = true;
-    }
-    if (!any) return T;
-    localDistances(w.X + static_cast<int64_t>(i) * w.dim, w.ref, w.ld, w.dim, s, e, l1, dist);
-    for (int j = s; j <= e; ++j) A[j] = satAdd(A[j], toInt(dist[j]));
-  }
+  auto *cells = reinterpret_cast<int32_t *>(w.fd);
+  if (!intInnerFrames(A, F, w.start, w.end, N, T, kUnreachable, scale, w.X, w.ref, w.ld, w.dim, l1, dist, cells,
+                      cells + w.col))
+    return T;
   const int s = w.start[N - 1];
   localDistances(w.X + static_cast<int64_t>(N - 1) * w.dim, w.ref, w.ld, w.dim, s, M - 1, l1, dist);
   int best = -1;
@@ -228,7 +197,7 @@ int32_t intPattern(Work &w, int M, int D, bool l1, int32_t T, const IntDistance 
     int32_t c = F[j] ? T : A[j];
     if (A[j - 1] <= c) c = A[j - 1];
     if (A[j - 2] < c) c = A[j - 2];
-    int32_t a = satAdd(toInt(dist[j]), c);
+    int32_t a = satAddInt(intDistance(dist[j], scale), c);
     if (a < T) {
       if (a < bestValue) bestValue = a, best = j;
     } else {
@@ -342,7 +311,7 @@ int XKwEvalDTW(const int *patternIds, int nPatterns, short **test, int nTest, in
     for (int i = 0; i < nTest; ++i) {
       double *x = w.X + static_cast<int64_t>(i) * dim;
       if (floatPath) {
-        XKwsbConvertUp(test[i], row, dim, -testScale);
+        XKwsbConvertUp(test[i], row, dim, upScale(testScale));
         for (int k = 0; k < dim; ++k) x[k] = row[k];
       } else {
         for (int k = 0; k < dim; ++k) x[k] = test[i][k];
@@ -350,7 +319,7 @@ int XKwEvalDTW(const int *patternIds, int nPatterns, short **test, int nTest, in
     }
   int best;
   if (floatPath) {
-    const double T = (flags & 64) ? XKidConvertUp(threshold, -thresholdScale) : kNoScore;
+    const double T = (flags & 64) ? XKidConvertUp(threshold, upScale(thresholdScale)) : kNoScore;
     for (int p = 0; p < nPatterns; ++p) {
       XKwPattern *rec = recs[p];
       if (rec == nullptr) {
@@ -365,11 +334,7 @@ int XKwEvalDTW(const int *patternIds, int nPatterns, short **test, int nTest, in
     XKdibConvertDown(dScores, scores, nPatterns, scaleMode, scaleFactor);
   } else {
     const int32_t T = (flags & 64) ? threshold : kUnreachable;
-    IntDistance toInt;
-    if (scaleMode == XK_FIXED_SCALE) {
-      toInt.fixed = true;
-      toInt.shift = scaleFactor ? *scaleFactor : 0;
-    }
+    const double scale = intScale(scaleMode == XK_FIXED_SCALE, scaleFactor ? *scaleFactor : 0);
     best = 0;
     double bestScore = kNoScore;
     for (int p = 0; p < nPatterns; ++p) {
@@ -380,7 +345,7 @@ int XKwEvalDTW(const int *patternIds, int nPatterns, short **test, int nTest, in
       }
       const int M = rec->nFrames;
       loadReference(w, rec->data, M);
-      scores[p] = intPattern(w, M, static_cast<int>(D >= M ? M - 1 : D), l1, T, toInt);
+      scores[p] = intPattern(w, M, static_cast<int>(D >= M ? M - 1 : D), l1, T, scale);
       if (static_cast<double>(scores[p]) < bestScore) bestScore = scores[p], best = p;
     }
   }

@@ -44,15 +44,39 @@ void widenTransposed(const T *const *rows, int M, int dim, double *ref, int64_t 
 }
 void widenTransposed(const float *const *rows, int M, int dim, double *ref, int64_t ld);
 
-// One inner test frame of the float recurrence over the band s..e of the
-// column A (flags F: -1 where the last step was horizontal, else 0), as
-// described in dtw_eval.cpp: predecessor choice (descending, in place), then
-// cells at or above tf become the sentinel inf. Returns true when a band
-// cell is below tf afterwards. Reads A and F down to s - 17.
-bool floatStep(float *A, int32_t *F, int s, int e, float tf, float inf);
+// Every inner test frame i = 1 .. N-2 of the float recurrence on the
+// column A (step flags F: -1 where the last step was horizontal, else 0),
+// as dtw_eval.cpp describes it: over the band start[i]..end[i], the
+// predecessor choice (descending, in place), cells at or above tf set to
+// the sentinel inf, then the local distances of test frame i (X + i*dim)
+// against ref added to the cells below measureBelow; the two cells below
+// each band become inf. Returns false as soon as a frame leaves no cell
+// below tf (the column is then meaningless). dist, cur and next are scratch
+// columns laid out like A (A, F, cur and next readable 17 cells below 0).
+bool floatInnerFrames(float *A, int32_t *F, const int *start, const int *end, int N, float tf, float inf,
+                      float measureBelow, const double *X, const double *ref, int64_t ld, int dim, bool l1,
+                      double *dist, float *cur, float *next);
 
-// A[j] += (float)dist[j] for s <= j <= e where A[j] < measureBelow.
-void floatAddDistances(float *A, const double *dist, int s, int e, float measureBelow);
+// Integer local distance: the norm v times scale (a power of two; exact
+// for every 16-bit norm), truncated toward zero, saturated at 0x7FFFFFFF.
+inline int32_t intDistance(double v, double scale) {
+  v *= scale;
+  return v >= 2147483647.0 ? 0x7FFFFFFF : static_cast<int32_t>(v);
+}
+
+// a + b for 0 <= a, b <= 0x7FFFFFFF as an unsigned sum clamped to
+// 0x7FFFFFFF, so an unreachable cell stays unreachable.
+inline int32_t satAddInt(int32_t a, int32_t b) {
+  const uint32_t s = static_cast<uint32_t>(a) + static_cast<uint32_t>(b);
+  return s > 0x7FFFFFFFu ? 0x7FFFFFFF : static_cast<int32_t>(s);
+}
+
+// The same on 32-bit cells: inf is the unreachable value, T the integer
+// threshold (signed comparisons), and every band cell gets its distance
+// (intDistance with `scale`) added with satAddInt.
+bool intInnerFrames(int32_t *A, int32_t *F, const int *start, const int *end, int N, int32_t T, int32_t inf,
+                    double scale, const double *X, const double *ref, int64_t ld, int dim, bool l1, double *dist,
+                    int32_t *cur, int32_t *next);
 
 // Instruction sets of the DTW kernels, in increasing order. The best one
 // the processor offers runs unless a test or benchmark caps it.

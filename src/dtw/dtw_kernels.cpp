@@ -6,11 +6,15 @@
 // holds cell j, so each lane sums its own dim terms in the order k = 0, 1,
 // ... exactly as kfxsNorm and kfxwNorm do, and every path gives the same
 // bits. Multiply and add stay separate (no FMA) for the same reason. The
-// vector paths keep 16 (AVX2) or 32 (AVX-512) cells in registers across the
-// whole dim loop.
+// vector paths keep 16 (AVX2) or up to 64 (AVX-512) cells in registers
+// across the whole dim loop. With AVX-512 the next frame's distances are
+// computed ahead of each frame's recurrence (see innerFramesAvx512); the
+// other paths run step, distances and sums as separate passes.
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 #include "dtw/dtw_internal.h"
 #include "frame/cpu.h"
@@ -24,6 +28,20 @@ namespace xk::dtw {
 namespace {
 
 std::atomic<int> isaCap{static_cast<int>(DtwIsa::Avx512)};
+
+// Compilers may fuse a product and a following sum into one FMA, which
+// rounds once instead of twice and so changes the bits of a distance. The
+// empty asm hands the rounded product over as an opaque value.
+#ifdef XKL_DTW_X86
+__attribute__((target("avx2"), always_inline)) inline __m256d rounded(__m256d v) {
+  __asm__("" : "+v"(v));
+  return v;
+}
+__attribute__((target("avx512f"), always_inline)) inline __m512d rounded(__m512d v) {
+  __asm__("" : "+v"(v));
+  return v;
+}
+#endif
 
 int64_t floorDiv(int64_t a, int64_t b) { return a >= 0 ? a / b : -((-a + b - 1) / b); }
 int64_t ceilDiv(int64_t a, int64_t b) { return -floorDiv(-a, b); }
@@ -41,7 +59,7 @@ void distancesPortable(const double *x, const double *ref, int64_t ld, int dim, 
     else
       for (int j = 0; j < n; ++j) {
         const double d = xk - r[j];
-        acc[j] += d * d;
+        acc[j] += d * d;  // built without FMA, like kfxsNorm
       }
   }
   if (!l1)
@@ -79,7 +97,7 @@ template <bool L1>
 XKL_INLINE_AVX2 __m256d term256(__m256d xk, const double *r, __m256d acc) {
   const __m256d d = _mm256_sub_pd(xk, _mm256_loadu_pd(r));
   if constexpr (L1) return _mm256_add_pd(acc, _mm256_andnot_pd(_mm256_set1_pd(-0.0), d));
-  return _mm256_add_pd(acc, _mm256_mul_pd(d, d));
+  return _mm256_add_pd(acc, rounded(_mm256_mul_pd(d, d)));
 }
 
 template <bool L1>
@@ -128,11 +146,19 @@ __attribute__((target("avx2"))) void distancesAvx2(const double *x, const double
   }
 }
 
+// GCC 12 warns inside its own AVX-512 intrinsics (an "undefined"
+// pass-through operand); the warning says nothing about this code.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#endif
+
 template <bool L1>
 XKL_INLINE_AVX512 __m512d term512(__m512d xk, const double *r, __m512d acc) {
   const __m512d d = _mm512_sub_pd(xk, _mm512_loadu_pd(r));
   if constexpr (L1) return _mm512_add_pd(acc, _mm512_abs_pd(d));
-  return _mm512_add_pd(acc, _mm512_mul_pd(d, d));
+  return _mm512_add_pd(acc, rounded(_mm512_mul_pd(d, d)));
 }
 
 template <bool L1>
@@ -212,28 +238,6 @@ __attribute__((target("avx2"))) bool floatStepAvx2(float *A, int32_t *F, int s, 
   return _mm256_movemask_ps(any) != 0;
 }
 
-// The same sixteen cells at a time with mask registers.
-__attribute__((target("avx512f"))) bool floatStepAvx512(float *A, int32_t *F, int s, int e, float tf, float inf) {
-  const __m512 vInf = _mm512_set1_ps(inf), t = _mm512_set1_ps(tf);
-  const __m512i allOnes = _mm512_set1_epi32(-1);
-  __mmask16 any = 0;
-  for (int j0 = e - 15; j0 + 15 >= s; j0 -= 16) {
-    const __mmask16 valid = static_cast<__mmask16>(j0 >= s ? 0xFFFF : 0xFFFF << (s - j0));
-    const __m512 a0 = _mm512_loadu_ps(A + j0), a1 = _mm512_loadu_ps(A + j0 - 1), a2 = _mm512_loadu_ps(A + j0 - 2);
-    const __m512i f = _mm512_loadu_si512(F + j0);
-    __m512 c = _mm512_mask_mov_ps(a0, _mm512_test_epi32_mask(f, f), vInf);
-    const __mmask16 diagonal = _mm512_cmp_ps_mask(a1, c, _CMP_LE_OQ);
-    c = _mm512_mask_mov_ps(c, diagonal, a1);
-    const __mmask16 skip = _mm512_cmp_ps_mask(a2, c, _CMP_LT_OQ);
-    c = _mm512_mask_mov_ps(c, skip, a2);
-    c = _mm512_mask_mov_ps(c, _mm512_cmp_ps_mask(c, t, _CMP_GE_OQ), vInf);
-    any |= _mm512_mask_cmp_ps_mask(valid, c, t, _CMP_LT_OQ);
-    _mm512_mask_storeu_ps(A + j0, valid, c);
-    _mm512_mask_storeu_epi32(F + j0, valid, _mm512_maskz_mov_epi32(static_cast<__mmask16>(~(diagonal | skip)), allOnes));
-  }
-  return any != 0;
-}
-
 // Eight frames by eight values at a time: an in-register 8x8 transpose,
 // then each column widened to eight doubles.
 __attribute__((target("avx512f,avx2"))) void widenAvx512(const float *const *rows, int M, int dim, double *ref,
@@ -266,6 +270,152 @@ __attribute__((target("avx512f,avx2"))) void widenAvx512(const float *const *row
   }
 }
 
+// Cell arithmetic of the AVX-512 inner frames. Float cells: the sentinel, the
+// threshold as the smallest float not below it, distances rounded to float
+// and added only below measureBelow. Integer cells: signed comparisons,
+// distances scaled by `scale` (a power of two, exact), truncated and
+// saturated, sums clamped to 0x7FFFFFFF.
+struct FloatLanes {
+  using Cell = float;
+  using Vec = __m512;
+  float inf, threshold, measureBelow;
+  XKL_INLINE_AVX512 static Vec load(const float *p) { return _mm512_loadu_ps(p); }
+  XKL_INLINE_AVX512 static Vec set1(float v) { return _mm512_set1_ps(v); }
+  XKL_INLINE_AVX512 static Vec mov(Vec a, __mmask16 m, Vec b) { return _mm512_mask_mov_ps(a, m, b); }
+  XKL_INLINE_AVX512 static __mmask16 le(Vec a, Vec b) { return _mm512_cmp_ps_mask(a, b, _CMP_LE_OQ); }
+  XKL_INLINE_AVX512 static __mmask16 lt(__mmask16 m, Vec a, Vec b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_LT_OQ); }
+  XKL_INLINE_AVX512 static __mmask16 ge(Vec a, Vec b) { return _mm512_cmp_ps_mask(a, b, _CMP_GE_OQ); }
+  XKL_INLINE_AVX512 __m256d half(__m512d d) const { return _mm256_castps_pd(_mm512_cvtpd_ps(d)); }
+  XKL_INLINE_AVX2_IN_512 __m128 quarter(__m256d d) const { return _mm256_cvtpd_ps(d); }
+  XKL_INLINE_AVX512 Vec add(Vec c, Vec d, __mmask16 valid) const {
+    const __mmask16 measured = _mm512_mask_cmp_ps_mask(valid, c, _mm512_set1_ps(measureBelow), _CMP_LT_OQ);
+    return _mm512_mask_add_ps(c, measured, c, d);
+  }
+  XKL_INLINE_AVX512 static void store(float *p, __mmask16 m, Vec v) { _mm512_mask_storeu_ps(p, m, v); }
+};
+
+struct IntLanes {
+  using Cell = int32_t;
+  using Vec = __m512i;
+  int32_t inf, threshold;
+  double scale;
+  XKL_INLINE_AVX512 static Vec load(const int32_t *p) { return _mm512_loadu_si512(p); }
+  XKL_INLINE_AVX512 static Vec set1(int32_t v) { return _mm512_set1_epi32(v); }
+  XKL_INLINE_AVX512 static Vec mov(Vec a, __mmask16 m, Vec b) { return _mm512_mask_mov_epi32(a, m, b); }
+  XKL_INLINE_AVX512 static __mmask16 le(Vec a, Vec b) { return _mm512_cmp_epi32_mask(a, b, _MM_CMPINT_LE); }
+  XKL_INLINE_AVX512 static __mmask16 lt(__mmask16 m, Vec a, Vec b) { return _mm512_mask_cmp_epi32_mask(m, a, b, _MM_CMPINT_LT); }
+  XKL_INLINE_AVX512 static __mmask16 ge(Vec a, Vec b) { return _mm512_cmp_epi32_mask(a, b, _MM_CMPINT_NLT); }
+  XKL_INLINE_AVX512 __m256d half(__m512d d) const {
+    d = _mm512_min_pd(_mm512_mul_pd(d, _mm512_set1_pd(scale)), _mm512_set1_pd(2147483647.0));
+    return _mm256_castsi256_pd(_mm512_cvttpd_epi32(d));
+  }
+  XKL_INLINE_AVX2_IN_512 __m128 quarter(__m256d d) const {
+    d = _mm256_min_pd(_mm256_mul_pd(d, _mm256_set1_pd(scale)), _mm256_set1_pd(2147483647.0));
+    return _mm_castsi128_ps(_mm256_cvttpd_epi32(d));
+  }
+  XKL_INLINE_AVX512 Vec add(Vec c, Vec d, __mmask16) const {
+    return _mm512_min_epu32(_mm512_add_epi32(c, d), _mm512_set1_epi32(0x7FFFFFFF));
+  }
+  XKL_INLINE_AVX512 static void store(int32_t *p, __mmask16 m, Vec v) { _mm512_mask_storeu_epi32(p, m, v); }
+};
+
+// Distances of the cells j0 .. j0+8Q+4R-1 as cells (Lanes::half and
+// quarter convert them) into out[j], Q eight-cell and R four-cell vectors
+// summed in one dim loop so that enough independent sums are in flight.
+template <class Lanes, bool L1, int Q, int R>
+__attribute__((target("avx512f,avx2"))) void distancePass(const Lanes &lanes, const double *x, const double *ref,
+                                                          int64_t ld, int dim, int j0, typename Lanes::Cell *out) {
+  __m512d acc[Q > 0 ? Q : 1];
+  for (auto &v : acc) v = _mm512_setzero_pd();
+  __m256d tail = _mm256_setzero_pd();
+  const double *r = ref + j0;
+  for (int k = 0; k < dim; ++k, r += ld) {
+    const __m512d xk = _mm512_set1_pd(x[k]);
+    for (int q = 0; q < Q; ++q) acc[q] = term512<L1>(xk, r + 8 * q, acc[q]);
+    if constexpr (R > 0) tail = term256<L1>(_mm512_castpd512_pd256(xk), r + 8 * Q, tail);
+  }
+  for (int q = 0; q < Q; ++q)
+    _mm256_storeu_pd(reinterpret_cast<double *>(out + j0 + 8 * q), lanes.half(finish512<L1>(acc[q])));
+  if constexpr (R > 0) _mm_storeu_ps(reinterpret_cast<float *>(out + j0 + 8 * Q), lanes.quarter(finish256<L1>(tail)));
+}
+
+template <class Lanes>
+using DistancePass = void (*)(const Lanes &, const double *, const double *, int64_t, int, int,
+                              typename Lanes::Cell *);
+
+// Passes by width in four-cell steps: entry m covers 4(m+1) cells.
+template <class Lanes, bool L1, int... M>
+constexpr std::array<DistancePass<Lanes>, sizeof...(M)> distanceTable(std::integer_sequence<int, M...>) {
+  return {&distancePass<Lanes, L1, (M + 1) / 2, (M + 1) % 2>...};
+}
+
+// Distances of the cells j0..j1 into out (up to 3 entries past j1), in
+// passes of up to 64 cells.
+template <class Lanes, bool L1>
+__attribute__((target("avx512f,avx2"))) void cellDistances(const Lanes &lanes, const double *x, const double *ref,
+                                                           int64_t ld, int dim, int j0, int j1,
+                                                           typename Lanes::Cell *out) {
+  static constexpr auto kPasses = distanceTable<Lanes, L1>(std::make_integer_sequence<int, 16>());
+  for (int j = j0; j <= j1;) {
+    const int n = j1 - j + 1;
+    const int m = n >= 64 ? 16 : (n + 3) / 4;  // four-cell groups in this pass
+    kPasses[m - 1](lanes, x, ref, ld, dim, j, out);
+    j += 4 * m;
+  }
+}
+
+// The step, pruning and sums of one inner frame whose distances d[j] are
+// ready, sixteen cells at a time from the top of the band down: a block
+// reads A[j0-2 .. j0+15] before it writes A[j0 .. j0+15], and the next
+// block reads only below j0, so every read sees the previous frame. Lanes
+// below s are left as they were.
+template <class Lanes>
+__attribute__((target("avx512f,avx2"))) bool stepAdd(typename Lanes::Cell *A, int32_t *F, int s, int e,
+                                                     const Lanes &lanes, const typename Lanes::Cell *d) {
+  using Vec = typename Lanes::Vec;
+  const Vec vInf = Lanes::set1(lanes.inf), t = Lanes::set1(lanes.threshold);
+  const __m512i allOnes = _mm512_set1_epi32(-1);
+  __mmask16 any = 0;
+  for (int j0 = e - 15; j0 + 15 >= s; j0 -= 16) {
+    const __mmask16 valid = static_cast<__mmask16>(j0 >= s ? 0xFFFF : 0xFFFF << (s - j0));
+    const Vec a0 = Lanes::load(A + j0), a1 = Lanes::load(A + j0 - 1), a2 = Lanes::load(A + j0 - 2);
+    const __m512i f = _mm512_loadu_si512(F + j0);
+    Vec c = Lanes::mov(a0, _mm512_test_epi32_mask(f, f), vInf);
+    const __mmask16 diagonal = Lanes::le(a1, c);
+    c = Lanes::mov(c, diagonal, a1);
+    const __mmask16 skip = Lanes::lt(0xFFFF, a2, c);
+    c = Lanes::mov(c, skip, a2);
+    c = Lanes::mov(c, Lanes::ge(c, t), vInf);
+    any |= Lanes::lt(valid, c, t);
+    Lanes::store(A + j0, valid, lanes.add(c, Lanes::load(d + j0), valid));
+    _mm512_mask_storeu_epi32(F + j0, valid, _mm512_maskz_mov_epi32(static_cast<__mmask16>(~(diagonal | skip)), allOnes));
+  }
+  return any != 0;
+}
+
+// Every inner frame. The distances of frame i+1 are computed before the
+// recurrence of frame i, which does not need them, so their square roots
+// (long on the divider) finish while the recurrence runs.
+template <class Lanes>
+__attribute__((target("avx512f,avx2"))) bool innerFramesAvx512(typename Lanes::Cell *A, int32_t *F,
+                                                               const int *start, const int *end, int N,
+                                                               const Lanes &lanes, const double *X,
+                                                               const double *ref, int64_t ld, int dim, bool l1,
+                                                               typename Lanes::Cell *cur, typename Lanes::Cell *next) {
+  const auto distances = l1 ? cellDistances<Lanes, true> : cellDistances<Lanes, false>;
+  if (N > 2) distances(lanes, X + dim, ref, ld, dim, start[1], end[1], next);
+  for (int i = 1; i < N - 1; ++i) {
+    std::swap(cur, next);
+    if (i + 1 < N - 1)
+      distances(lanes, X + static_cast<int64_t>(i + 1) * dim, ref, ld, dim, start[i + 1], end[i + 1], next);
+    const int s = start[i];
+    if (!stepAdd(A, F, s, end[i], lanes, cur)) return false;
+    A[s - 1] = lanes.inf;
+    A[s - 2] = lanes.inf;
+  }
+  return true;
+}
+
 __attribute__((target("avx2"))) void addAvx2(float *A, const double *dist, int s, int e, float measureBelow) {
   const __m256 limit = _mm256_set1_ps(measureBelow);
   int j = s;
@@ -277,6 +427,10 @@ __attribute__((target("avx2"))) void addAvx2(float *A, const double *dist, int s
   }
   addPortable(A, dist, j, e, measureBelow);
 }
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #endif
 
 }  // namespace
@@ -342,11 +496,13 @@ void localDistances(const double *x, const double *ref, int64_t ld, int dim, int
   distancesPortable(x, ref, ld, dim, j0, j1, l1, out);
 }
 
-bool floatStep(float *A, int32_t *F, int s, int e, float tf, float inf) {
+// One inner frame without the fused AVX-512 path: step and pruning, then
+// distances and sums as separate passes (AVX2 or portable).
+static void floatAddDistances(float *A, const double *dist, int s, int e, float measureBelow);
+
+static bool floatStep(float *A, int32_t *F, int s, int e, float tf, float inf) {
 #ifdef XKL_DTW_X86
-  const DtwIsa isa = activeDtwIsa();
-  if (isa == DtwIsa::Avx512) return floatStepAvx512(A, F, s, e, tf, inf);
-  if (isa == DtwIsa::Avx2) return floatStepAvx2(A, F, s, e, tf, inf);
+  if (activeDtwIsa() != DtwIsa::Portable) return floatStepAvx2(A, F, s, e, tf, inf);
 #endif
   return floatStepPortable(A, F, s, e, tf, inf);
 }
@@ -358,7 +514,71 @@ void widenTransposed(const float *const *rows, int M, int dim, double *ref, int6
   widenTransposed<float>(rows, M, dim, ref, ld);
 }
 
-void floatAddDistances(float *A, const double *dist, int s, int e, float measureBelow) {
+static bool floatFrame(float *A, int32_t *F, int s, int e, float tf, float inf, float measureBelow,
+                       const double *x, const double *ref, int64_t ld, int dim, bool l1, double *dist) {
+  if (!floatStep(A, F, s, e, tf, inf)) return false;
+  localDistances(x, ref, ld, dim, s, e, l1, dist);
+  floatAddDistances(A, dist, s, e, measureBelow);
+  return true;
+}
+
+bool floatInnerFrames(float *A, int32_t *F, const int *start, const int *end, int N, float tf, float inf,
+                      float measureBelow, const double *X, const double *ref, int64_t ld, int dim, bool l1,
+                      double *dist, float *cur, float *next) {
+#ifdef XKL_DTW_X86
+  if (activeDtwIsa() == DtwIsa::Avx512)
+    return innerFramesAvx512(A, F, start, end, N, FloatLanes{inf, tf, measureBelow}, X, ref, ld, dim, l1, cur, next);
+#endif
+  for (int i = 1; i < N - 1; ++i) {
+    const int s = start[i];
+    if (!floatFrame(A, F, s, end[i], tf, inf, measureBelow, X + static_cast<int64_t>(i) * dim, ref, ld, dim, l1,
+                    dist))
+      return false;
+    A[s - 1] = inf;
+    A[s - 2] = inf;
+  }
+  return true;
+}
+
+static bool intFrame(int32_t *A, int32_t *F, int s, int e, int32_t T, int32_t inf, double scale,
+                     const double *x, const double *ref, int64_t ld, int dim, bool l1, double *dist) {
+  for (int j = e; j >= s; --j) {
+    int32_t c = F[j] ? inf : A[j];
+    int32_t h = -1;
+    if (A[j - 1] <= c) c = A[j - 1], h = 0;
+    if (A[j - 2] < c) c = A[j - 2], h = 0;
+    A[j] = c;
+    F[j] = h;
+  }
+  bool any = false;
+  for (int j = s; j <= e; ++j) {
+    if (A[j] >= T) A[j] = inf;
+    any |= A[j] < T;
+  }
+  if (!any) return false;
+  localDistances(x, ref, ld, dim, s, e, l1, dist);
+  for (int j = s; j <= e; ++j) A[j] = satAddInt(A[j], intDistance(dist[j], scale));
+  return true;
+}
+
+bool intInnerFrames(int32_t *A, int32_t *F, const int *start, const int *end, int N, int32_t T, int32_t inf,
+                    double scale, const double *X, const double *ref, int64_t ld, int dim, bool l1, double *dist,
+                    int32_t *cur, int32_t *next) {
+#ifdef XKL_DTW_X86
+  if (activeDtwIsa() == DtwIsa::Avx512)
+    return innerFramesAvx512(A, F, start, end, N, IntLanes{inf, T, scale}, X, ref, ld, dim, l1, cur, next);
+#endif
+  for (int i = 1; i < N - 1; ++i) {
+    const int s = start[i];
+    if (!intFrame(A, F, s, end[i], T, inf, scale, X + static_cast<int64_t>(i) * dim, ref, ld, dim, l1, dist))
+      return false;
+    A[s - 1] = inf;
+    A[s - 2] = inf;
+  }
+  return true;
+}
+
+static void floatAddDistances(float *A, const double *dist, int s, int e, float measureBelow) {
 #ifdef XKL_DTW_X86
   if (activeDtwIsa() != DtwIsa::Portable) return addAvx2(A, dist, s, e, measureBelow);
 #endif

@@ -194,7 +194,7 @@ int XKwPatternIni(short **frames, int nFrames, int dim, int scale) {
   for (int i = 0; i < nFrames; ++i) {
     if (dim <= 0) break;
     std::memcpy(rec->data[i], frames[i], sizeof(short) * static_cast<size_t>(dim));
-    XKwsbConvertUp(rec->data[i], rec->floatData[i], dim, -scale);
+    XKwsbConvertUp(rec->data[i], rec->floatData[i], dim, upScale(scale));
   }
   appendRecord<ShortStore>(rec);
   return rec->id;

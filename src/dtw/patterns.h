@@ -9,6 +9,11 @@ namespace xk::dtw {
 
 inline constexpr const char *kModDtw = "XK_DTW";
 
+// The up-conversion argument -s for data with binary scale s (value =
+// w * 2^s). Beyond +-4096 every 16-bit value already converts to 0 or
+// infinity, so the clamp changes no result and keeps -INT_MIN defined.
+inline int upScale(int s) { return s <= -4096 ? 4096 : s >= 4096 ? -4096 : -s; }
+
 // What differs between the float and the 16-bit store: the record type,
 // where the thread context keeps the list, and the report texts and lines.
 struct FloatStore {

@@ -195,6 +195,37 @@ TEST_F(DtwEval, FloatScoresEqualTheFullMatrixReference) {
   EXPECT_TRUE(xkltest::reports().empty());
 }
 
+// The distance kernels against kfxsNorm in double, bit for bit (a fused
+// multiply-add would show here long before it changes a float score).
+TEST_F(DtwEval, LocalDistancesEqualTheNormKernelInEveryIsa) {
+  std::mt19937 gen(29);
+  for (int dim : {1, 7, 39}) {
+    const int M = 70;
+    const int64_t ld = M + 32;
+    // Wide exponents make x - r carry more than 26 bits, so its square is
+    // inexact and a fused multiply-add would round differently.
+    Matrix ref = randomFrames(gen, M, dim, false), x = randomFrames(gen, 1, dim, false);
+    for (auto *m : {&ref, &x})
+      for (auto &row : *m)
+        for (auto &v : row) v = std::ldexp(v, static_cast<int>(gen() % 41) - 20);
+    std::vector<double> T(dim * ld), xd(x[0].begin(), x[0].end()), out(ld + 16);
+    for (int j = 0; j < M; ++j)
+      for (int k = 0; k < dim; ++k) T[k * ld + j] = ref[j][k];
+    for (auto isa : kIsas) {
+      if (isa > xk::dtw::dtwIsaAvailable()) continue;
+      xk::dtw::setDtwIsa(isa);
+      for (bool l1 : {false, true})
+        for (int j0 : {0, 3, 17})
+          for (int j1 : {j0, j0 + 2, j0 + 5, j0 + 13, j0 + 30, M - 1}) {
+            xk::dtw::localDistances(xd.data(), T.data(), ld, dim, j0, j1, l1, out.data());
+            for (int j = j0; j <= j1; ++j)
+              ASSERT_EQ(out[j], kfxsNorm(x[0].data(), ref[j].data(), dim, l1 ? KFX_L1 : KFX_L2))
+                  << "isa " << static_cast<int>(isa) << " dim " << dim << " cells " << j0 << ".." << j1;
+          }
+    }
+  }
+}
+
 // The listed cases, on one test of 12 frames of dim 3.
 TEST_F(DtwEval, IdentityExclusionThresholdTiesAndFixedEnds) {
   std::mt19937 gen(3);
@@ -235,9 +266,9 @@ TEST_F(DtwEval, IdentityExclusionThresholdTiesAndFixedEnds) {
 }
 
 // 16-bit patterns: the integer path against the integer reference for the
-// scale modes 0, 1 and 3 and every flag combination; on integer data with
-// L1 every local distance is exact, so the integer path also equals the
-// float evaluation of the same values.
+// scale modes 0, 1 and 3 and every flag combination; with L1 every local
+// distance of integer data is exact, so the integer path also equals the
+// float evaluation of the same values scaled by a power of two.
 TEST_F(DtwEval, IntegerPathEqualsItsReferenceAndTheFloatPath) {
   std::mt19937 gen(17);
   for (int N : {1, 3, 9, 30}) {
@@ -260,45 +291,54 @@ TEST_F(DtwEval, IntegerPathEqualsItsReferenceAndTheFloatPath) {
       ids.push_back(XKwPatternIni(p.data(), M, dim, 0));
     }
     for (int flags : {0, 1, 64, 65, 128, 129, 192, 193})
-      for (int scaleMode : {0, 1, 3}) {
-        xk::dtw::setDtwIsa(kIsas[(flags / 64 + scaleMode) % 3]);  // every kernel, over the cases
-        int factor = 2;
-        const int T = flags & 64 ? 1500 * N : 0x7FFFFFFF;
-        std::vector<int> scores(ids.size());
-        XKwEvalDTW(ids.data(), static_cast<int>(ids.size()), t.data(), N, dim, 0, flags, T, 5, 3, scores.data(),
-                   scaleMode, &factor);
-        for (size_t p = 0; p < ids.size(); ++p) {
-          auto &ref = refs[p];
-          const int M = static_cast<int>(ref.size());
-          const int D = flags & 1 ? 0 : 3;
-          int want = 0x7FFFFFFF;
-          if (M >= (N - 1) / 2 + 1 && M <= 2 * N - 1 + D)
-            want = referenceScore<IntCells>(N, M, std::min(D, M - 1), T, [&](int i, int j) {
-              int f = factor;
-              const double v = kfxwNormExt(test[i].data(), ref[j].data(), dim, flags & 128 ? KFX_L1 : KFX_L2,
-                                           scaleMode == 1 ? KFX_FIXED_SCALE : 0, &f);
-              return static_cast<int32_t>(v);
-            });
-          EXPECT_EQ(scores[p], want) << "N " << N << " M " << M << " flags " << flags << " mode " << scaleMode;
-        }
-        if (scaleMode == 0 && (flags & 128) && !(flags & 64)) {
-          std::vector<std::vector<float>> ft(N);
-          std::vector<float *> fp;
-          for (int i = 0; i < N; ++i) ft[i].assign(test[i].begin(), test[i].end()), fp.push_back(ft[i].data());
-          std::vector<int> fids;
-          for (auto &ref : refs) {
-            std::vector<std::vector<float>> fr(ref.size());
-            std::vector<float *> frp;
-            for (size_t j = 0; j < ref.size(); ++j) fr[j].assign(ref[j].begin(), ref[j].end()), frp.push_back(fr[j].data());
-            fids.push_back(XKsPatternIni(frp.data(), static_cast<int>(ref.size()), dim));
+      for (int scaleMode : {0, 1, 3})
+        for (auto isa : kIsas) {
+          if (isa > xk::dtw::dtwIsaAvailable()) continue;
+          xk::dtw::setDtwIsa(isa);
+          int factor = 2;
+          const int T = flags & 64 ? 1500 * N : 0x7FFFFFFF;
+          std::vector<int> scores(ids.size());
+          XKwEvalDTW(ids.data(), static_cast<int>(ids.size()), t.data(), N, dim, 0, flags, T, 5, 3, scores.data(),
+                     scaleMode, &factor);
+          for (size_t p = 0; p < ids.size(); ++p) {
+            auto &ref = refs[p];
+            const int M = static_cast<int>(ref.size());
+            const int D = flags & 1 ? 0 : 3;
+            int want = 0x7FFFFFFF;
+            if (M >= (N - 1) / 2 + 1 && M <= 2 * N - 1 + D)
+              want = referenceScore<IntCells>(N, M, std::min(D, M - 1), T, [&](int i, int j) {
+                int f = factor;
+                const double v = kfxwNormExt(test[i].data(), ref[j].data(), dim, flags & 128 ? KFX_L1 : KFX_L2,
+                                             scaleMode == 1 ? KFX_FIXED_SCALE : 0, &f);
+                return static_cast<int32_t>(v);
+              });
+            EXPECT_EQ(scores[p], want) << "N " << N << " M " << M << " flags " << flags << " mode " << scaleMode
+                                       << " isa " << static_cast<int>(isa);
           }
-          std::vector<double> fs(ids.size());
-          XKsEvalDTW(fids.data(), static_cast<int>(fids.size()), fp.data(), N, dim, flags, 0, 3, fs.data());
-          for (size_t p = 0; p < ids.size(); ++p)
-            EXPECT_EQ(fs[p] == 3.4e38 ? 0x7FFFFFFF : fs[p], scores[p]) << "N " << N << " pattern " << p;
-          XKsPatternFreeAll();
+          if (scaleMode == 0 && (flags & 128) && !(flags & 64)) {
+            std::vector<std::vector<float>> ft(N);
+            std::vector<float *> fp;
+            // The same values scaled by 2^-3: every sum stays exact in float.
+            const auto scaled = [](const std::vector<short> &v) {
+              std::vector<float> f;
+              for (short x : v) f.push_back(std::ldexp(static_cast<float>(x), -3));
+              return f;
+            };
+            for (int i = 0; i < N; ++i) ft[i] = scaled(test[i]), fp.push_back(ft[i].data());
+            std::vector<int> fids;
+            for (auto &ref : refs) {
+              std::vector<std::vector<float>> fr(ref.size());
+              std::vector<float *> frp;
+              for (size_t j = 0; j < ref.size(); ++j) fr[j] = scaled(ref[j]), frp.push_back(fr[j].data());
+              fids.push_back(XKsPatternIni(frp.data(), static_cast<int>(ref.size()), dim));
+            }
+            std::vector<double> fs(ids.size());
+            XKsEvalDTW(fids.data(), static_cast<int>(fids.size()), fp.data(), N, dim, flags, 0, 3, fs.data());
+            for (size_t p = 0; p < ids.size(); ++p)
+              EXPECT_EQ(fs[p] == 3.4e38 ? 0x7FFFFFFF : std::ldexp(fs[p], 3), scores[p]) << "N " << N << " pattern " << p;
+            XKsPatternFreeAll();
+          }
         }
-      }
     XKwPatternFreeAll();
   }
 }
