@@ -8,8 +8,10 @@
 #include "xkl/xk_frame.h"
 #include "xkl/xk_convert.h"
 #include "xkl/kfx.h"
+#include "xkl/xk_features.h"
 #include "xkl/xk_vq.h"
 #include "xkl/xk_dtw.h"
-#include "xkl/xk_features.h"
+#include "xkl/xkl_status.h"
+#include "xkl/xkl_frontend.h"
 
 #endif /* XKL_H */

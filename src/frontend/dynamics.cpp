@@ -1,0 +1,205 @@
+#include "frontend/dynamics.h"
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+
+#include "frame/last_error.h"
+#include "xkl/xkl_frontend.h"
+
+namespace xk::frontend {
+
+void Normalizer::init(int dim, int mode, int window, bool variance) {
+  dim_ = dim;
+  mode_ = mode;
+  half_ = mode == Sliding ? window / 2 : 0;
+  variance_ = variance;
+  // The window of the row half_ back reaches half_ rows further back, and
+  // the row that leaves it is still needed when the next one arrives.
+  if (mode == Sliding) ring_.init(dim, 2 * half_ + 2);
+  sum_.assign(static_cast<size_t>(dim), 0.0);
+  sumSq_.assign(static_cast<size_t>(dim), 0.0);
+  out_.assign(static_cast<size_t>(dim), 0.0f);
+  reset();
+}
+
+void Normalizer::reset() {
+  count_ = emitted_ = lo_ = 0;
+  held_.clear();
+  std::fill(sum_.begin(), sum_.end(), 0.0);
+  std::fill(sumSq_.begin(), sumSq_.end(), 0.0);
+}
+
+void Normalizer::add(const float *row, double sign) {
+  for (int d = 0; d < dim_; ++d) {
+    const double v = row[d];
+    sum_[d] += sign * v;
+    sumSq_[d] += sign * v * v;
+  }
+}
+
+// Normalises row `index` with the sums of rows lo_ .. count_-1.
+void Normalizer::emit(long index, RowSink &sink) {
+  const float *row = mode_ == Sliding
+                         ? ring_.row(index)
+                         : held_.data() + static_cast<size_t>(index) * static_cast<size_t>(dim_);
+  const double n = static_cast<double>(count_ - lo_);
+  for (int d = 0; d < dim_; ++d) {
+    const double mean = sum_[d] / n;
+    double value = row[d] - mean;
+    if (variance_) {
+      const double meanSq = sumSq_[d] / n;
+      const double var = meanSq - mean * mean;
+      // Below this the spread is rounding noise of the sums: dividing by it
+      // would blow the noise up, so the column is only centred.
+      if (var > 1e-12 * meanSq) value /= std::sqrt(var);
+    }
+    out_[static_cast<size_t>(d)] = static_cast<float>(value);
+  }
+  sink.take(index, out_.data());
+  emitted_ = index + 1;
+}
+
+void Normalizer::push(const float *row, RowSink &sink) {
+  if (mode_ == None) {
+    sink.take(count_++, row);
+    return;
+  }
+  if (mode_ == Utterance) {
+    held_.insert(held_.end(), row, row + dim_);
+    add(row, 1.0);
+    ++count_;
+    return;
+  }
+  std::copy(row, row + dim_, ring_.row(count_));
+  add(row, 1.0);
+  ++count_;
+  const long ready = count_ - 1 - half_;
+  if (ready < 0) return;
+  for (; lo_ < ready - half_; ++lo_) add(ring_.row(lo_), -1.0);
+  emit(ready, sink);
+}
+
+void Normalizer::finish(RowSink &sink) {
+  if (mode_ == Utterance) {
+    for (long i = 0; i < count_; ++i) emit(i, sink);
+  } else if (mode_ == Sliding) {
+    for (long i = emitted_; i < count_; ++i) {
+      for (; lo_ < i - half_; ++lo_) add(ring_.row(lo_), -1.0);
+      emit(i, sink);
+    }
+  }
+  reset();
+}
+
+void deltaRow(const float *const *taps, int dim, int window, float denominator, float *out) {
+  // Column-wise passes (one per k) vectorise across the row; each column
+  // still sums its terms in the order k = 1 .. K.
+  for (int d = 0; d < dim; ++d) out[d] = 0.0f;
+  for (int k = 1; k <= window; ++k) {
+    const float *after = taps[window + k], *before = taps[window - k];
+    const float weight = static_cast<float>(k);
+    for (int d = 0; d < dim; ++d) out[d] += weight * (after[d] - before[d]);
+  }
+  for (int d = 0; d < dim; ++d) out[d] /= denominator;
+}
+
+void Deltas::init(int dim, int window) {
+  dim_ = dim;
+  window_ = window;
+  long sq = 0;
+  for (long k = 1; k <= window; ++k) sq += k * k;
+  denominator_ = static_cast<float>(2 * sq);
+  ring_.init(dim, 2 * window + 2);
+  out_.assign(static_cast<size_t>(dim), 0.0f);
+  taps_.assign(static_cast<size_t>(2 * window + 1), nullptr);
+  reset();
+}
+
+// Row `index` with the rows 0 .. last known; indices beyond are clamped.
+void Deltas::emit(long index, long last, RowSink &sink) {
+  for (int k = -window_; k <= window_; ++k)
+    taps_[static_cast<size_t>(k + window_)] = ring_.row(std::clamp(index + k, 0L, last));
+  deltaRow(taps_.data(), dim_, window_, denominator_, out_.data());
+  sink.take(index, out_.data());
+  emitted_ = index + 1;
+}
+
+void Deltas::push(const float *row, RowSink &sink) {
+  std::copy(row, row + dim_, ring_.row(count_));
+  ++count_;
+  const long ready = count_ - 1 - window_;
+  if (ready >= 0) emit(ready, count_ - 1, sink);
+}
+
+void Deltas::finish(RowSink &sink) {
+  for (long i = emitted_; i < count_; ++i) emit(i, count_ - 1, sink);
+}
+
+}  // namespace xk::frontend
+
+using xk::fail;
+using namespace xk::frontend;
+
+namespace {
+
+// Collects rows into a matrix (rows arrive in order).
+struct MatrixSink final : RowSink {
+  float *dst;
+  int dim;
+  void take(long index, const float *row) override {
+    std::copy(row, row + dim, dst + static_cast<size_t>(index) * static_cast<size_t>(dim));
+  }
+};
+
+}  // namespace
+
+extern "C" {
+
+int xkl_deltas(const float *in, int frames, int dim, int window, float *out) {
+  if (in == nullptr || out == nullptr) return fail(XK_StsBadArg, "xkl_deltas: null matrix");
+  if (frames < 0 || dim < 1) return fail(XK_StsBadArg, "xkl_deltas: frames must be >= 0 and dim >= 1");
+  if (window < 1 || window > kMaxDeltaWindow)
+    return fail(XK_StsBadArg, "xkl_deltas: window must be 1 to %d", kMaxDeltaWindow);
+  try {
+    Deltas deltas;
+    deltas.init(dim, window);
+    MatrixSink sink;
+    sink.dst = out;
+    sink.dim = dim;
+    for (int t = 0; t < frames; ++t)
+      deltas.push(in + static_cast<size_t>(t) * static_cast<size_t>(dim), sink);
+    deltas.finish(sink);
+  } catch (const std::bad_alloc &) {
+    return fail(XK_StsNoMem, "xkl_deltas: out of memory");
+  }
+  return 0;
+}
+
+int xkl_normalize(float *features, int frames, int dim, int mode, int window, int variance) {
+  if (features == nullptr) return fail(XK_StsBadArg, "xkl_normalize: null matrix");
+  if (frames < 0 || dim < 1)
+    return fail(XK_StsBadArg, "xkl_normalize: frames must be >= 0 and dim >= 1");
+  if (mode != XKL_CMN_UTTERANCE && mode != XKL_CMN_SLIDING)
+    return fail(XK_StsBadArg, "xkl_normalize: mode must be XKL_CMN_UTTERANCE or XKL_CMN_SLIDING");
+  if (mode == XKL_CMN_SLIDING && (window < 1 || window > kMaxNormWindow))
+    return fail(XK_StsBadArg, "xkl_normalize: the sliding window must be 1 to %d frames",
+                kMaxNormWindow);
+  try {
+    Normalizer norm;
+    norm.init(dim, mode, window, variance != 0);
+  // The stage copies each row as it arrives, so writing finished rows back
+  // in place never changes what the sums see.
+    MatrixSink sink;
+    sink.dst = features;
+    sink.dim = dim;
+    for (int t = 0; t < frames; ++t)
+      norm.push(features + static_cast<size_t>(t) * static_cast<size_t>(dim), sink);
+    norm.finish(sink);
+  } catch (const std::bad_alloc &) {
+    return fail(XK_StsNoMem, "xkl_normalize: out of memory");
+  }
+  return 0;
+}
+
+}  // extern "C"
