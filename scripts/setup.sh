@@ -3,7 +3,7 @@
 # is missing (Debian; needs root or sudo). Does nothing when all are present.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev libfftw3-dev
-          libsndfile1-dev libcli11-dev libcairo2-dev)
+          libsndfile1-dev libcli11-dev libcairo2-dev libfontconfig-dev)
 missing=()
 for p in "${packages[@]}"; do
   state=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "features/features_internal.h"
 #include "xkl/xk_convert.h"
@@ -339,9 +340,20 @@ XKL_API int XKwCepstralMFCC(XKMFCCFilters *filters, const short *input, short *o
 
 XKL_API void XKsLiftering(float *ceps, int n, int L) {
   // L = 0 would divide by zero; no lifter is then applied.
-  if (ceps == nullptr || L == 0) return;
-  const double half = L / 2.0, pi = 3.14159265358979323846;
-  for (int i = 0; i < n; ++i) ceps[i] = static_cast<float>(ceps[i] * (1.0 + half * std::sin(pi * i / L)));
+  if (ceps == nullptr || L == 0 || n <= 0) return;
+  // The weights of the last L are kept per thread: a front end lifters every
+  // frame with the same L, and the sines would cost more than the rest.
+  thread_local int cachedL = 0;
+  thread_local std::vector<double> weights;
+  if (cachedL != L || weights.size() < static_cast<size_t>(n)) {
+    const double half = L / 2.0, pi = 3.14159265358979323846;
+    const size_t have = cachedL == L ? weights.size() : 0;
+    weights.resize(std::max(weights.size(), static_cast<size_t>(n)));
+    for (size_t i = have; i < weights.size(); ++i)
+      weights[i] = 1.0 + half * std::sin(pi * static_cast<double>(i) / L);
+    cachedL = L;
+  }
+  for (int i = 0; i < n; ++i) ceps[i] = static_cast<float>(ceps[i] * weights[static_cast<size_t>(i)]);
 }
 
 XKL_API void XKwLiftering(short *ceps, int n, int L) {

@@ -24,6 +24,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// The per-thread feature buffers of the test's own front-end calls.
+class ReleaseFeatureTables : public ::testing::Environment {
+ public:
+  void TearDown() override {
+    XKFreeCepsTbls();
+    XKFreePreemphasizeTbls();
+  }
+};
+[[maybe_unused]] ::testing::Environment *const releaseTables =
+    ::testing::AddGlobalTestEnvironment(new ReleaseFeatureTables);
+
 struct Outcome {
   int status;
   std::string out, err;

@@ -1,6 +1,7 @@
 #include "show.h"
 
 #include <cairo.h>
+#include <fontconfig/fontconfig.h>
 
 #include <algorithm>
 #include <cmath>
@@ -184,8 +185,14 @@ int runShow(const ShowArgs &a) {
   matrix(cr, mfcc, feat, f.frames, f.dim);
   axes(cr, mfcc, seconds, 0, f.dim, "features (each coefficient over its own range)", "coefficient");
 
-  if (cairo_surface_write_to_png(surface.get(), a.out.c_str()) != CAIRO_STATUS_SUCCESS)
-    throw ToolError{a.out + ": cannot write the picture"};
+  const bool written = cairo_surface_write_to_png(surface.get(), a.out.c_str()) == CAIRO_STATUS_SUCCESS;
+  // Drop cairo's and fontconfig's process-wide caches, so that a leak check
+  // of the program sees only what it should.
+  context.reset();
+  surface.reset();
+  cairo_debug_reset_static_data();
+  FcFini();
+  if (!written) throw ToolError{a.out + ": cannot write the picture"};
   if (!verbosity().quiet) std::fprintf(stderr, "%s -> %s\n", a.in.c_str(), a.out.c_str());
   return 0;
 }
