@@ -15,19 +15,13 @@
 #include <vector>
 
 #include "xkl.h"
+#include "xkl_test_support.h"
 
 namespace {
 
 // The main thread's per-thread feature buffers go at the end of the run.
-class ReleaseFeatureTables : public ::testing::Environment {
- public:
-  void TearDown() override {
-    XKFreeCepsTbls();
-    XKFreePreemphasizeTbls();
-  }
-};
 [[maybe_unused]] ::testing::Environment *const releaseTables =
-    ::testing::AddGlobalTestEnvironment(new ReleaseFeatureTables);
+    ::testing::AddGlobalTestEnvironment(new xkltest::ReleaseFeatureTables);
 
 // Speech-like test signal in whole numbers on the 16-bit scale: a gliding
 // harmonic series with an amplitude envelope, plus noise and a silent stretch.

@@ -19,21 +19,15 @@
 #include <vector>
 
 #include "xkl.h"
+#include "xkl_test_support.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 // The per-thread feature buffers of the test's own front-end calls.
-class ReleaseFeatureTables : public ::testing::Environment {
- public:
-  void TearDown() override {
-    XKFreeCepsTbls();
-    XKFreePreemphasizeTbls();
-  }
-};
 [[maybe_unused]] ::testing::Environment *const releaseTables =
-    ::testing::AddGlobalTestEnvironment(new ReleaseFeatureTables);
+    ::testing::AddGlobalTestEnvironment(new xkltest::ReleaseFeatureTables);
 
 struct Outcome {
   int status;
