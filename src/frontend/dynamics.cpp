@@ -31,10 +31,19 @@ void Normalizer::reset() {
 }
 
 void Normalizer::add(const float *row, double sign) {
-  for (int d = 0; d < dim_; ++d) {
-    const double v = row[d];
-    sum_[d] += sign * v;
-    sumSq_[d] += sign * v * v;
+  double *sum = sum_.data(), *sumSq = sumSq_.data();
+  if (sign > 0) {
+    for (int d = 0; d < dim_; ++d) {
+      const double v = row[d];
+      sum[d] += v;
+      sumSq[d] += v * v;
+    }
+  } else {
+    for (int d = 0; d < dim_; ++d) {
+      const double v = row[d];
+      sum[d] -= v;
+      sumSq[d] -= v * v;
+    }
   }
 }
 
@@ -43,12 +52,12 @@ void Normalizer::emit(long index, RowSink &sink) {
   const float *row = mode_ == Sliding
                          ? ring_.row(index)
                          : held_.data() + static_cast<size_t>(index) * static_cast<size_t>(dim_);
-  const double n = static_cast<double>(count_ - lo_);
+  const double inverse = 1.0 / static_cast<double>(count_ - lo_);
   for (int d = 0; d < dim_; ++d) {
-    const double mean = sum_[d] / n;
+    const double mean = sum_[d] * inverse;
     double value = row[d] - mean;
     if (variance_) {
-      const double meanSq = sumSq_[d] / n;
+      const double meanSq = sumSq_[d] * inverse;
       const double var = meanSq - mean * mean;
       // Below this the spread is rounding noise of the sums: dividing by it
       // would blow the noise up, so the column is only centred.
@@ -101,7 +110,8 @@ void deltaRow(const float *const *taps, int dim, int window, float denominator, 
     const float weight = static_cast<float>(k);
     for (int d = 0; d < dim; ++d) out[d] += weight * (after[d] - before[d]);
   }
-  for (int d = 0; d < dim; ++d) out[d] /= denominator;
+  const float inverse = 1.0f / denominator;
+  for (int d = 0; d < dim; ++d) out[d] *= inverse;
 }
 
 void Deltas::init(int dim, int window) {

@@ -132,7 +132,6 @@ struct xkl_frontend {
 
   Normalizer norm;
   Deltas delta1, delta2;
-  std::vector<float> joined;
 
   std::vector<float> out;  // finished frames, row after row
   size_t outRead = 0;      // floats of `out` already pulled
@@ -151,28 +150,35 @@ struct xkl_frontend {
     void take(long index, const float *row) override { fe->afterDeltaDelta(index, row); }
   } toOutput;
 
-  void emit(const float *row) { out.insert(out.end(), row, row + dim); }
+  // Room for one more frame at the end of the queue (grown by doubling).
+  float *nextOutput() {
+    const size_t at = out.size();
+    if (out.capacity() - at < static_cast<size_t>(dim))
+      out.reserve(std::max(2 * out.capacity(), 128 * static_cast<size_t>(dim)));
+    out.resize(at + static_cast<size_t>(dim));
+    return out.data() + at;
+  }
 
   void afterNorm(const float *row) {
     if (cfg.deltas == 0)
-      emit(row);
+      std::copy(row, row + dim, nextOutput());
     else
       delta1.push(row, toDeltaDeltas);
   }
   void afterDelta(long index, const float *delta) {
     if (cfg.deltas == 1) {
-      std::copy(delta1.input(index), delta1.input(index) + nStatics, joined.begin());
-      std::copy(delta, delta + nStatics, joined.begin() + nStatics);
-      emit(joined.data());
+      float *o = nextOutput();
+      std::copy(delta1.input(index), delta1.input(index) + nStatics, o);
+      std::copy(delta, delta + nStatics, o + nStatics);
     } else {
       delta2.push(delta, toOutput);
     }
   }
   void afterDeltaDelta(long index, const float *dd) {
-    std::copy(delta1.input(index), delta1.input(index) + nStatics, joined.begin());
-    std::copy(delta2.input(index), delta2.input(index) + nStatics, joined.begin() + nStatics);
-    std::copy(dd, dd + nStatics, joined.begin() + 2 * nStatics);
-    emit(joined.data());
+    float *o = nextOutput();
+    std::copy(delta1.input(index), delta1.input(index) + nStatics, o);
+    std::copy(delta2.input(index), delta2.input(index) + nStatics, o + nStatics);
+    std::copy(dd, dd + nStatics, o + 2 * nStatics);
   }
 
   // `quiet` is the caller's guard: the library's reports of this call go
@@ -382,7 +388,6 @@ int setUp(xkl_frontend &fe) {
   fe.ceps.assign(static_cast<size_t>(fe.nInternal), 0.0f);
   fe.ceps16.assign(static_cast<size_t>(fe.nInternal), 0);
   fe.statics.assign(static_cast<size_t>(fe.nStatics), 0.0f);
-  fe.joined.assign(static_cast<size_t>(fe.dim), 0.0f);
   fe.pending.reserve(static_cast<size_t>(len));
 
   fe.norm.init(fe.nStatics, c.cmn, c.cmn_window, c.cvn != 0);
