@@ -102,16 +102,20 @@ void Normalizer::finish(RowSink &sink) {
 }
 
 void deltaRow(const float *const *taps, int dim, int window, float denominator, float *out) {
-  // Column-wise passes (one per k) vectorise across the row; each column
-  // still sums its terms in the order k = 1 .. K.
-  for (int d = 0; d < dim; ++d) out[d] = 0.0f;
-  for (int k = 1; k <= window; ++k) {
-    const float *after = taps[window + k], *before = taps[window - k];
-    const float weight = static_cast<float>(k);
-    for (int d = 0; d < dim; ++d) out[d] += weight * (after[d] - before[d]);
-  }
+  // Each column sums k (after - before) for k = 1 .. K in that order, then
+  // scales; the passes run along the row so that they vectorise.
   const float inverse = 1.0f / denominator;
-  for (int d = 0; d < dim; ++d) out[d] *= inverse;
+  float *__restrict o = out;
+  {
+    const float *__restrict after = taps[window + 1], *__restrict before = taps[window - 1];
+    for (int d = 0; d < dim; ++d) o[d] = after[d] - before[d];
+  }
+  for (int k = 2; k <= window; ++k) {
+    const float *__restrict after = taps[window + k], *__restrict before = taps[window - k];
+    const float weight = static_cast<float>(k);
+    for (int d = 0; d < dim; ++d) o[d] += weight * (after[d] - before[d]);
+  }
+  for (int d = 0; d < dim; ++d) o[d] *= inverse;
 }
 
 void Deltas::init(int dim, int window) {

@@ -135,6 +135,7 @@ struct xkl_frontend {
 
   std::vector<float> out;  // finished frames, row after row
   size_t outRead = 0;      // floats of `out` already pulled
+  size_t outEnd = 0;       // floats of `out` written (out.size() is its capacity)
 
   // Stage links.
   struct ToDeltas final : RowSink {
@@ -152,10 +153,10 @@ struct xkl_frontend {
 
   // Room for one more frame at the end of the queue (grown by doubling).
   float *nextOutput() {
-    const size_t at = out.size();
-    if (out.capacity() - at < static_cast<size_t>(dim))
-      out.reserve(std::max(2 * out.capacity(), 128 * static_cast<size_t>(dim)));
-    out.resize(at + static_cast<size_t>(dim));
+    const size_t at = outEnd;
+    if (out.size() - at < static_cast<size_t>(dim))
+      out.resize(std::max(2 * out.size(), 128 * static_cast<size_t>(dim)));
+    outEnd += static_cast<size_t>(dim);
     return out.data() + at;
   }
 
@@ -539,7 +540,7 @@ int xkl_frontend_flush(xkl_frontend *fe) {
 
 int xkl_frontend_available(const xkl_frontend *fe) {
   if (fe == nullptr) return fail(XK_StsBadArg, "xkl_frontend_available: null front end");
-  return static_cast<int>((fe->out.size() - fe->outRead) / static_cast<size_t>(fe->dim));
+  return static_cast<int>((fe->outEnd - fe->outRead) / static_cast<size_t>(fe->dim));
 }
 
 int xkl_frontend_pull(xkl_frontend *fe, float *features, int max_frames) {
@@ -551,18 +552,14 @@ int xkl_frontend_pull(xkl_frontend *fe, float *features, int max_frames) {
   const size_t count = static_cast<size_t>(frames) * static_cast<size_t>(fe->dim);
   if (count > 0) std::memcpy(features, fe->out.data() + fe->outRead, count * sizeof(float));
   fe->outRead += count;
-  if (fe->outRead == fe->out.size()) {
-    fe->out.clear();
-    fe->outRead = 0;
-  }
+  if (fe->outRead == fe->outEnd) fe->outRead = fe->outEnd = 0;
   return frames;
 }
 
 void xkl_frontend_reset(xkl_frontend *fe) {
   if (fe == nullptr) return;
   fe->clearUtterance();
-  fe->out.clear();
-  fe->outRead = 0;
+  fe->outRead = fe->outEnd = 0;
 }
 
 int xkl_frontend_frame_count(const xkl_frontend_config *config, size_t n) {
@@ -593,15 +590,31 @@ int computeWhole(const xkl_frontend_config *config, const Sample *samples, size_
   if (frames > 0 && features == nullptr) return fail(XK_StsBadArg, "null output");
   xkl_frontend *fe = xkl_frontend_new(config);
   if (fe == nullptr) return XK_StsNoMem;  // the configuration was checked above
-  int status;
-  if constexpr (sizeof(Sample) == sizeof(short))
-    status = xkl_frontend_push_i16(fe, samples, n);
-  else
-    status = xkl_frontend_push(fe, samples, n);
+  // Pushed in pieces and drained as it goes, so that the output queue stays
+  // small and in cache (the frames are the same whatever the pieces).
+  constexpr size_t kPiece = 8192;
+  const int dim = fe->dim;
+  int status = 0, got = 0;
+  for (size_t at = 0; status == 0 && at < n; at += kPiece) {
+    const size_t m = std::min(kPiece, n - at);
+    if constexpr (sizeof(Sample) == sizeof(short))
+      status = xkl_frontend_push_i16(fe, samples + at, m);
+    else
+      status = xkl_frontend_push(fe, samples + at, m);
+    if (status == 0) {
+      const int pulled = xkl_frontend_pull(fe, features + static_cast<size_t>(got) * dim, maxFrames - got);
+      if (pulled < 0) status = pulled;
+      else got += pulled;
+    }
+  }
   if (status == 0) status = xkl_frontend_flush(fe);
-  if (status == 0) status = xkl_frontend_pull(fe, features, maxFrames);
+  if (status == 0) {
+    const int pulled = xkl_frontend_pull(fe, features + static_cast<size_t>(got) * dim, maxFrames - got);
+    if (pulled < 0) status = pulled;
+    else got += pulled;
+  }
   xkl_frontend_free(fe);
-  return status;
+  return status < 0 ? status : got;
 }
 
 }  // namespace
