@@ -83,8 +83,10 @@ bool buildTable(CosTable &t, int len) {
     c[j] = static_cast<std::int32_t>(
         std::floor(std::cos(pi * j / (2.0L * len)) * (1L << kCosBits) + 0.5L));
   c[quarter] = 0;
-  for (std::size_t j = quarter + 1; j <= 2 * quarter; ++j) c[j] = -c[2 * quarter - j];
-  for (std::size_t j = 2 * quarter + 1; j < period; ++j) c[j] = c[period - j];
+  // Written with the read index rising: g++ 12.2 at -O1/-O2 miscompiles the
+  // form c[j] = c[period - j] with j rising into a loop that stores nothing.
+  for (std::size_t i = 0; i < quarter; ++i) c[2 * quarter - i] = -c[i];
+  for (std::size_t i = 1; i < 2 * quarter; ++i) c[period - i] = c[i];
   if (matrix)
     for (std::size_t k = 0; k < n; ++k)
       for (std::size_t i = 0; i < n; ++i) c[period + k * n + i] = c[k * (2 * i + 1) % period];
