@@ -167,35 +167,58 @@ double sDiagDistance(const float *x, const float *m, const float *iv, int n) {
 namespace {
 
 #ifdef XKL_GAUSS_HAVE_AVX2
-// Distances of all components of a diagonal server, each on four double
-// lanes as sDiagDistance (no fused multiply-add, so the bits agree).
+// Distance of one component on four double lanes, lane j summing the terms
+// i = j mod 4 in order, then the tail, combined as (0 + 2) + (1 + 3): the
+// order of sDiagDistance, with separate multiplies and adds so the bits agree.
+__attribute__((target("avx2"))) inline __m256d diagStep(__m256d acc, __m256d x, const float *mu, const float *iv) {
+  const __m256d d = _mm256_sub_pd(x, _mm256_cvtps_pd(_mm_load_ps(mu)));
+  return _mm256_add_pd(acc, _mm256_mul_pd(_mm256_mul_pd(d, d), _mm256_cvtps_pd(_mm_load_ps(iv))));
+}
+
+__attribute__((target("avx2"))) inline float diagFinish(__m256d acc, const float *x, const float *mu,
+                                                       const float *iv, int from, int dim) {
+  alignas(32) double lane[4];
+  _mm256_store_pd(lane, acc);
+  for (int j = 0; from + j < dim; ++j) {
+    const double d = static_cast<double>(x[from + j]) - static_cast<double>(mu[from + j]);
+    lane[j] += d * d * static_cast<double>(iv[from + j]);
+  }
+  const double dist = (lane[0] + lane[2]) + (lane[1] + lane[3]);
+  return static_cast<float>(-std::fabs(dist) * 0.5);
+}
+
+// All components of a diagonal server, four at a time so that four
+// independent sums hide the latency of the additions. Components of weight
+// +0 get 0 afterwards.
 __attribute__((target("avx2"))) void sDiagDistancesAvx2(const GaussMixServer *s, const float *x, int dim,
                                                         float *work) {
   const auto *w = static_cast<const float *>(s->weights);
   const int nMix = s->nMix;
   const int full4 = dim & ~3;
-  for (int k = 0; k < nMix; ++k) {
-    if (w[k] == 0.0f && !std::signbit(w[k])) {
-      work[k] = 0.0f;
-      continue;
+  auto mu = [&](int k) { return static_cast<const float *>(s->means[k]); };
+  auto iv = [&](int k) { return static_cast<const float *>(s->InverseCovD[k]); };
+  int k = 0;
+  for (; k + 4 <= nMix; k += 4) {
+    __m256d a0 = _mm256_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
+    for (int i = 0; i < full4; i += 4) {
+      const __m256d xv = _mm256_cvtps_pd(_mm_loadu_ps(x + i));
+      a0 = diagStep(a0, xv, mu(k) + i, iv(k) + i);
+      a1 = diagStep(a1, xv, mu(k + 1) + i, iv(k + 1) + i);
+      a2 = diagStep(a2, xv, mu(k + 2) + i, iv(k + 2) + i);
+      a3 = diagStep(a3, xv, mu(k + 3) + i, iv(k + 3) + i);
     }
-    const auto *mu = static_cast<const float *>(s->means[k]);
-    const auto *iv = static_cast<const float *>(s->InverseCovD[k]);
-    __m256d acc = _mm256_setzero_pd();
-    int i = 0;
-    for (; i < full4; i += 4) {
-      const __m256d d = _mm256_sub_pd(_mm256_cvtps_pd(_mm_loadu_ps(x + i)), _mm256_cvtps_pd(_mm_load_ps(mu + i)));
-      acc = _mm256_add_pd(acc, _mm256_mul_pd(_mm256_mul_pd(d, d), _mm256_cvtps_pd(_mm_load_ps(iv + i))));
-    }
-    alignas(32) double lane[4];
-    _mm256_store_pd(lane, acc);
-    for (int j = 0; i + j < dim; ++j) {
-      const double d = static_cast<double>(x[i + j]) - static_cast<double>(mu[i + j]);
-      lane[j] += d * d * static_cast<double>(iv[i + j]);
-    }
-    const double dist = (lane[0] + lane[2]) + (lane[1] + lane[3]);
-    work[k] = static_cast<float>(-std::fabs(dist) * 0.5);
+    work[k] = diagFinish(a0, x, mu(k), iv(k), full4, dim);
+    work[k + 1] = diagFinish(a1, x, mu(k + 1), iv(k + 1), full4, dim);
+    work[k + 2] = diagFinish(a2, x, mu(k + 2), iv(k + 2), full4, dim);
+    work[k + 3] = diagFinish(a3, x, mu(k + 3), iv(k + 3), full4, dim);
   }
+  for (; k < nMix; ++k) {
+    __m256d a = _mm256_setzero_pd();
+    for (int i = 0; i < full4; i += 4) a = diagStep(a, _mm256_cvtps_pd(_mm_loadu_ps(x + i)), mu(k) + i, iv(k) + i);
+    work[k] = diagFinish(a, x, mu(k), iv(k), full4, dim);
+  }
+  for (k = 0; k < nMix; ++k)
+    if (w[k] == 0.0f && !std::signbit(w[k])) work[k] = 0.0f;
 }
 #endif
 
@@ -245,9 +268,10 @@ extern "C" XKL_API int XKwEvalGaussMix(GaussMixServer *server, const short *x, i
                                        int *pScaleFactor) {
   int local = 0;
   if (pScaleFactor == nullptr) pScaleFactor = &local;
-  const int f = 1 - server->scale;
-  const int L = f >= 1 ? 0 : -f;
-  const int F = f >= 1 ? f : 0;
+  // Shift rule in 64 bits: any scale word (a file's included) is safe.
+  const std::int64_t f = 1 - static_cast<std::int64_t>(server->scale);
+  const std::int64_t L = f >= 1 ? 0 : -f;
+  const int F = f >= 1 ? static_cast<int>(f > 63 ? 63 : f) : 0;
   const int nMix = server->nMix;
   auto *work = static_cast<std::int32_t *>(server->work);
   const auto *w = static_cast<const short *>(server->weights);
@@ -263,7 +287,7 @@ extern "C" XKL_API int XKwEvalGaussMix(GaussMixServer *server, const short *x, i
                                                    dim);
     std::uint32_t a = static_cast<std::uint32_t>(d);
     if (d < 0) a = 0u - a;
-    const std::uint32_t shifted = L >= 32 ? 0u : a << L;
+    const std::uint32_t shifted = L >= 32 ? 0u : a << L;  // modulo 2^32
     work[m] = fixExp(static_cast<std::int32_t>(0u - shifted), F, 30);
   }
   if (nMix <= 1) return scaleMode;

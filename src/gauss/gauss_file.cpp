@@ -124,7 +124,7 @@ extern "C" XKL_API GaussMixServer *XKReadGaussMixServer(FILE *file) {
   // a negative shape, a coefs word on a w server.
   if (sFlavour == ((flags & GAUSS_SERVER_FVR_W) != 0)) return nullptr;
   if (((flags & GAUSS_SERVER_FULL) != 0) != hasFull || ((flags & GAUSS_SERVER_DIAG) != 0) != hasDiag) return nullptr;
-  if (dim < 0 || nMix < 0 || dim > (1 << 24) || nMix > (1 << 24)) return nullptr;
+  if (dim < 0 || nMix < 0 || dim > kMaxDim || nMix > kMaxMix) return nullptr;
   if ((get32(head + 16) != 0) != sFlavour) return nullptr;
   const Layout l(sFlavour, hasFull, dim, nMix, 4);
   // The data area of a 32-bit block is its size less 48 to 63 bytes,

@@ -14,6 +14,7 @@ inline constexpr const char *kBothOrNeither = "One of InverseCov or InverseCovD 
 inline constexpr const char *kNoMemPtr = "insufficiency of memory for pointer  ptr";
 inline constexpr const char *kNoMemPtr2 = "insufficiency of memory for pointer  ptr2";
 inline constexpr int kFilling = 0x40000000;
+inline constexpr int kMaxDim = 65535, kMaxMix = 1 << 24;
 
 // Rounds a count up to a multiple of 4.
 inline std::int64_t pad4(std::int64_t n) {

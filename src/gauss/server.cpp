@@ -14,8 +14,11 @@
 namespace xk::gauss {
 
 GaussMixServer *allocServer(bool sFlavour, bool full, int dim, int nMix) {
+  // Bounds that keep the size arithmetic exact; any larger server would not
+  // fit the int size word anyway.
+  if (dim < 0 || nMix < 0 || dim > kMaxDim || nMix > kMaxMix) return nullptr;
   const Layout l(sFlavour, full, dim, nMix, sizeof(void *));
-  if (dim < 0 || nMix < 0 || l.blockSize() > INT_MAX) return nullptr;
+  if (l.blockSize() > INT_MAX) return nullptr;
   void *block = std::calloc(1, static_cast<std::size_t>(l.blockSize()));
   if (block == nullptr) return nullptr;
   auto *s = static_cast<GaussMixServer *>(block);
@@ -292,7 +295,7 @@ extern "C" XKL_API GaussMixServer *XKsInvertGaussianCovMatrix(GaussMixServer *sr
     out = XKsInitGaussMixServer(weights, means, identity, nullptr, dim, nMix, 0);
     std::free(identity);
     if (out == nullptr) return nullptr;
-    for (int m = 0; m < nMix; ++m) {
+    for (int m = 0; m < nMix && dim > 0; ++m) {
       // The source rows are contiguous: copy dim x dimPad floats from row 0.
       auto *from = static_cast<const float *>(src->InverseCov[m][0]);
       for (int i = 0; i < dim; ++i) std::memcpy(buf[i], from + i * dimPad, dimPad * sizeof(float));
