@@ -167,58 +167,102 @@ double sDiagDistance(const float *x, const float *m, const float *iv, int n) {
 namespace {
 
 #ifdef XKL_GAUSS_HAVE_AVX2
-// Distance of one component on four double lanes, lane j summing the terms
-// i = j mod 4 in order, then the tail, combined as (0 + 2) + (1 + 3): the
-// order of sDiagDistance, with separate multiplies and adds so the bits agree.
+constexpr int kPaddedMax = 256;  // longest vector the vectorised path copies to the stack
+
+// One step of a component's distance on four double lanes: lane j sums the
+// terms i = j mod 4 in order, as sDiagDistance does; separate multiplies
+// and adds so that the bits agree.
 __attribute__((target("avx2"))) inline __m256d diagStep(__m256d acc, __m256d x, const float *mu, const float *iv) {
   const __m256d d = _mm256_sub_pd(x, _mm256_cvtps_pd(_mm_load_ps(mu)));
   return _mm256_add_pd(acc, _mm256_mul_pd(_mm256_mul_pd(d, d), _mm256_cvtps_pd(_mm_load_ps(iv))));
 }
 
-__attribute__((target("avx2"))) inline float diagFinish(__m256d acc, const float *x, const float *mu,
-                                                       const float *iv, int from, int dim) {
-  alignas(32) double lane[4];
-  _mm256_store_pd(lane, acc);
-  for (int j = 0; from + j < dim; ++j) {
-    const double d = static_cast<double>(x[from + j]) - static_cast<double>(mu[from + j]);
-    lane[j] += d * d * static_cast<double>(iv[from + j]);
-  }
-  const double dist = (lane[0] + lane[2]) + (lane[1] + lane[3]);
+// (lane 0 + lane 2) + (lane 1 + lane 3), then -|d| / 2 as a float.
+__attribute__((target("avx2"))) inline float diagFinish(__m256d acc) {
+  const __m128d pair = _mm_add_pd(_mm256_castpd256_pd128(acc), _mm256_extractf128_pd(acc, 1));
+  const double dist = _mm_cvtsd_f64(_mm_add_sd(pair, _mm_unpackhi_pd(pair, pair)));
   return static_cast<float>(-std::fabs(dist) * 0.5);
 }
 
 // All components of a diagonal server, four at a time so that four
-// independent sums hide the latency of the additions. Components of weight
-// +0 get 0 afterwards.
-__attribute__((target("avx2"))) void sDiagDistancesAvx2(const GaussMixServer *s, const float *x, int dim,
+// independent sums hide the latency of the additions. The rows run over
+// their padding (zero in mean and inverse variance) against a zero-padded
+// copy of x: each padding term adds an exact 0. Components of weight +0 get
+// 0 afterwards.
+__attribute__((target("avx2"))) void sDiagDistancesAvx2(const GaussMixServer *s, const float *xIn, int dim,
                                                         float *work) {
+  alignas(16) float x[kPaddedMax];
+  const int dimPad = static_cast<int>(pad4(dim));
+  for (int i = 0; i < dimPad; ++i) x[i] = i < dim ? xIn[i] : 0.0f;
   const auto *w = static_cast<const float *>(s->weights);
   const int nMix = s->nMix;
-  const int full4 = dim & ~3;
   auto mu = [&](int k) { return static_cast<const float *>(s->means[k]); };
   auto iv = [&](int k) { return static_cast<const float *>(s->InverseCovD[k]); };
   int k = 0;
   for (; k + 4 <= nMix; k += 4) {
     __m256d a0 = _mm256_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
-    for (int i = 0; i < full4; i += 4) {
-      const __m256d xv = _mm256_cvtps_pd(_mm_loadu_ps(x + i));
-      a0 = diagStep(a0, xv, mu(k) + i, iv(k) + i);
-      a1 = diagStep(a1, xv, mu(k + 1) + i, iv(k + 1) + i);
-      a2 = diagStep(a2, xv, mu(k + 2) + i, iv(k + 2) + i);
-      a3 = diagStep(a3, xv, mu(k + 3) + i, iv(k + 3) + i);
+    const float *m0 = mu(k), *m1 = mu(k + 1), *m2 = mu(k + 2), *m3 = mu(k + 3);
+    const float *v0 = iv(k), *v1 = iv(k + 1), *v2 = iv(k + 2), *v3 = iv(k + 3);
+    for (int i = 0; i < dimPad; i += 4) {
+      const __m256d xv = _mm256_cvtps_pd(_mm_load_ps(x + i));
+      a0 = diagStep(a0, xv, m0 + i, v0 + i);
+      a1 = diagStep(a1, xv, m1 + i, v1 + i);
+      a2 = diagStep(a2, xv, m2 + i, v2 + i);
+      a3 = diagStep(a3, xv, m3 + i, v3 + i);
     }
-    work[k] = diagFinish(a0, x, mu(k), iv(k), full4, dim);
-    work[k + 1] = diagFinish(a1, x, mu(k + 1), iv(k + 1), full4, dim);
-    work[k + 2] = diagFinish(a2, x, mu(k + 2), iv(k + 2), full4, dim);
-    work[k + 3] = diagFinish(a3, x, mu(k + 3), iv(k + 3), full4, dim);
+    work[k] = diagFinish(a0);
+    work[k + 1] = diagFinish(a1);
+    work[k + 2] = diagFinish(a2);
+    work[k + 3] = diagFinish(a3);
   }
   for (; k < nMix; ++k) {
     __m256d a = _mm256_setzero_pd();
-    for (int i = 0; i < full4; i += 4) a = diagStep(a, _mm256_cvtps_pd(_mm_loadu_ps(x + i)), mu(k) + i, iv(k) + i);
-    work[k] = diagFinish(a, x, mu(k), iv(k), full4, dim);
+    for (int i = 0; i < dimPad; i += 4) a = diagStep(a, _mm256_cvtps_pd(_mm_load_ps(x + i)), mu(k) + i, iv(k) + i);
+    work[k] = diagFinish(a);
   }
   for (k = 0; k < nMix; ++k)
     if (w[k] == 0.0f && !std::signbit(w[k])) work[k] = 0.0f;
+}
+
+// 16-bit diagonal distances of all components, as wMahalanobisDiagRaw: the
+// differences and their products with the inverse variances wrap to 16
+// bits, the pair sums and the total to 32 bits, so any order gives the same
+// value. The rows run over their zero padding against a zero-padded x.
+__attribute__((target("avx2"))) void wDiagDistancesAvx2(const GaussMixServer *s, const short *xIn, int dim,
+                                                        std::int32_t *dist) {
+  alignas(32) short x[kPaddedMax];
+  const int dimPad = static_cast<int>(pad4(dim));
+  for (int i = 0; i < dimPad; ++i) x[i] = i < dim ? xIn[i] : 0;
+  const auto *w = static_cast<const short *>(s->weights);
+  for (int k = 0; k < s->nMix; ++k) {
+    if (w[k] == 0) continue;
+    const auto *mu = static_cast<const short *>(s->means[k]);
+    const auto *iv = static_cast<const short *>(s->InverseCovD[k]);
+    __m256i acc = _mm256_setzero_si256();
+    int i = 0;
+    for (; i + 16 <= dimPad; i += 16) {
+      const __m256i d = _mm256_sub_epi16(_mm256_load_si256(reinterpret_cast<const __m256i *>(x + i)),
+                                         _mm256_loadu_si256(reinterpret_cast<const __m256i *>(mu + i)));
+      const __m256i p = _mm256_mullo_epi16(d, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(iv + i)));
+      acc = _mm256_add_epi32(acc, _mm256_madd_epi16(d, p));
+    }
+    __m128i sum = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
+    for (; i + 8 <= dimPad; i += 8) {
+      const __m128i d = _mm_sub_epi16(_mm_load_si128(reinterpret_cast<const __m128i *>(x + i)),
+                                      _mm_loadu_si128(reinterpret_cast<const __m128i *>(mu + i)));
+      const __m128i p = _mm_mullo_epi16(d, _mm_loadu_si128(reinterpret_cast<const __m128i *>(iv + i)));
+      sum = _mm_add_epi32(sum, _mm_madd_epi16(d, p));
+    }
+    if (i < dimPad) {  // four left
+      const __m128i d = _mm_sub_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(x + i)),
+                                      _mm_loadl_epi64(reinterpret_cast<const __m128i *>(mu + i)));
+      const __m128i p = _mm_mullo_epi16(d, _mm_loadl_epi64(reinterpret_cast<const __m128i *>(iv + i)));
+      sum = _mm_add_epi32(sum, _mm_madd_epi16(d, p));
+    }
+    sum = _mm_add_epi32(sum, _mm_shuffle_epi32(sum, 0x4e));
+    sum = _mm_add_epi32(sum, _mm_shuffle_epi32(sum, 0xb1));
+    dist[k] = _mm_cvtsi128_si32(sum);
+  }
 }
 #endif
 
@@ -234,7 +278,7 @@ extern "C" XKL_API double XKsEvalGaussMix(GaussMixServer *server, const float *x
   if (nMix < 1) return 0.0;
   if (server->InverseCovD != nullptr) {
 #ifdef XKL_GAUSS_HAVE_AVX2
-    if (simdOn()) {
+    if (simdOn() && dim <= kPaddedMax && dim == server->dim) {
       sDiagDistancesAvx2(server, x, dim, work);
     } else
 #endif
@@ -275,13 +319,22 @@ extern "C" XKL_API int XKwEvalGaussMix(GaussMixServer *server, const short *x, i
   const int nMix = server->nMix;
   auto *work = static_cast<std::int32_t *>(server->work);
   const auto *w = static_cast<const short *>(server->weights);
+  // The distances go to work first, then each is replaced by its exponential.
+  bool haveDistances = false;
+#ifdef XKL_GAUSS_HAVE_AVX2
+  if (server->InverseCovD != nullptr && simdOn() && dim <= kPaddedMax && dim == server->dim) {
+    wDiagDistancesAvx2(server, x, dim, work);
+    haveDistances = true;
+  }
+#endif
   for (int m = 0; m < nMix; ++m) {
     if (w[m] == 0) {
       work[m] = 0;
       continue;
     }
     const auto *mu = static_cast<const short *>(server->means[m]);
-    std::int32_t d = server->InverseCovD != nullptr
+    std::int32_t d = haveDistances ? work[m]
+                     : server->InverseCovD != nullptr
                          ? xk::wMahalanobisDiagRaw(x, mu, static_cast<const short *>(server->InverseCovD[m]), dim)
                          : xk::wMahalanobisFullRaw(x, mu, reinterpret_cast<const short *const *>(server->InverseCov[m]),
                                                    dim);

@@ -145,17 +145,19 @@ extern "C" XKL_API GaussMixServer *XKReadGaussMixServer(FILE *file) {
   }
   const unsigned char *d = data.data();
   const int e = static_cast<int>(l.elem);
-  if (sFlavour) fromFile(g->coefs, d + l.coefs, l.nMixPad, 4);
-  fromFile(g->work, d + l.work, l.nMixPad, 4);
-  fromFile(g->weights, d + l.weights, l.nMixPad, e);
+  if (sFlavour) fromFile(g->coefs, d + l.coefs, nMix, 4);
+  fromFile(g->work, d + l.work, nMix, 4);
+  fromFile(g->weights, d + l.weights, nMix, e);
   for (int m = 0; m < nMix; ++m) {
-    fromFile(g->means[m], d + l.meanRows + m * l.rowBytes(), l.dimPad, e);
+    // Only the dim elements of a row: the padding stays zero whatever the
+    // file holds there, which the evaluation relies on.
+    fromFile(g->means[m], d + l.meanRows + m * l.rowBytes(), dim, e);
     if (hasFull) {
       for (int i = 0; i < dim; ++i)
-        fromFile(g->InverseCov[m][i], d + l.covRows + (static_cast<std::int64_t>(m) * dim + i) * l.rowBytes(),
-                 l.dimPad, e);
+        fromFile(g->InverseCov[m][i], d + l.covRows + (static_cast<std::int64_t>(m) * dim + i) * l.rowBytes(), dim,
+                 e);
     } else {
-      fromFile(g->InverseCovD[m], d + l.covRows + m * l.rowBytes(), l.dimPad, e);
+      fromFile(g->InverseCovD[m], d + l.covRows + m * l.rowBytes(), dim, e);
     }
   }
   g->flags = flags;
