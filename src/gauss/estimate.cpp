@@ -148,6 +148,8 @@ GaussMixServer *build(const char *func, T **vectors, int n, int dim, int flags) 
 
 template <class T>
 GaussMixServer *train(const char *func, GaussMixServer *old, T **vectors, int n, int dim) {
+  // A failure stored on this thread (sticky until cleared) stops the pooling.
+  if (statusFailed()) return nullptr;
   const bool full = old->InverseCov != nullptr;
   if (full && scratchVector(dim) == nullptr) {
     report(XK_StsNoMem, func, kNoMemPtr, kModule, 160);

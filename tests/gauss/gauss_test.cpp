@@ -614,6 +614,10 @@ TEST_F(GaussTest, FixedBuildAndTrain) {
       const short *cp = flags ? static_cast<short *>(pooled->InverseCov[0][i]) + i : static_cast<short *>(pooled->InverseCovD[0]) + i;
       EXPECT_NEAR(std::ldexp((double)*cp, pooled->scale), (double)c, 1e-3 * (double)c + std::ldexp(2.0, pooled->scale));
     }
+    // A stored failure stops the pooling until the status is cleared.
+    XKSetStatus(XK_StsError);
+    EXPECT_EQ(XKwTrainGaussMixServer(first.get(), p.data() + 10, 5, dim), nullptr);
+    XKSetStatus(XK_StsOk);
   }
 }
 
