@@ -11,6 +11,7 @@
 #include "xkl/xk_features.h"
 #include "xkl/xk_vq.h"
 #include "xkl/xk_dtw.h"
+#include "xkl/xk_gauss.h"
 #include "xkl/xkl_status.h"
 #include "xkl/xkl_frontend.h"
 

@@ -66,10 +66,14 @@ struct XKContext {
     void *head;
   } wPatterns, sPatterns;
 
-  // Gauss covariance-inversion and training scratch.
+  // Gauss scratch: the matrix buffer (row table, then rows of dimPad floats)
+  // of the determinant and the inversion, with its capacity in rows, and the
+  // training's float vector with its capacity in elements.
   struct {
-    void *invScratch[2];
-    void *trainScratch[2];
+    int matCap;
+    float **mat;
+    int vecCap;
+    float *vec;
   } gauss;
 };
 
