@@ -22,7 +22,7 @@ struct XKContext {
   struct {
     float *buff;             // pre-emphasis conversion path
     int buffLen;             // its capacity in floats
-    void *slot[6];           // LP-spectrum buffers, see features/lp_spectrum.cpp
+    void *slot[6];           // LP-spectrum buffers, see features/lp_response.cpp
     int slotKey[6][2];       // (order, p) each buffer was built for
   } preemphLpSpec;
 
