@@ -53,6 +53,18 @@ size_t pairBytes(int order, int entries, size_t elem) {
 
 // Turns |A| into gain / |A| (a zero |A| leaves the kernel's zero-element
 // report and the values unchanged).
+// Twiddle row k holds (cos, -sin) of j k pi / M for j = 1..limit, computed
+// in extended precision and stored by `store` (float, or 16-bit fixed point).
+template <class T, class Store>
+void fillTwiddles(T *tw, int m, int limit, Store store) {
+  for (int k = 0; k < m; ++k)
+    for (int j = 1; j <= limit; ++j) {
+      const long double w = static_cast<long double>(j) * k * 3.14159265358979323846264338327950288L / m;
+      tw[2 * (k * limit + j - 1)] = store(std::cos(w));
+      tw[2 * (k * limit + j - 1) + 1] = store(-std::sin(w));
+    }
+}
+
 void reciprocalTimesGain(float *spec, int m, float gain) {
   kfxsbInvThresh1(spec, m, 0.0f);
   kfxsbMpy1(gain, spec, m);
@@ -92,14 +104,7 @@ XKL_API void XKsLPSpectrum(const float *lpc, int p, float *spec, int order, floa
                                             "insufficiency of memory for pointer  pXKContext->LP.sLPTwiddle",
                                             &rebuilt));
     if (tw == nullptr) return;
-    // Row k: (cos, -sin) of j k pi / M for j = 1..limit.
-    if (rebuilt)
-      for (int k = 0; k < m; ++k)
-        for (int j = 1; j <= limit; ++j) {
-          const long double w = static_cast<long double>(j) * k * 3.14159265358979323846264338327950288L / m;
-          tw[2 * (k * limit + j - 1)] = static_cast<float>(std::cos(w));
-          tw[2 * (k * limit + j - 1) + 1] = static_cast<float>(-std::sin(w));
-        }
+    if (rebuilt) fillTwiddles(tw, m, limit, [](long double v) { return static_cast<float>(v); });
     for (int k = 0; k < m; ++k) {
       long double re = 1.0L, im = 0.0L;
       const float *row = tw + 2 * k * limit;
@@ -160,14 +165,9 @@ XKL_API void XKwLPSpectrum(const short *lpc, int p, short *spec, int order, int 
                                             "insufficiency of memory for pointer  pXKContext->LP.wLPTwiddle",
                                             &rebuilt));
     if (tw == nullptr) return;
-    // Row k: (cos, -sin) of j k pi / M with 14 fraction bits, rounded.
+    // 14 fraction bits, rounded.
     if (rebuilt)
-      for (int k = 0; k < m; ++k)
-        for (int j = 1; j <= limit; ++j) {
-          const long double w = static_cast<long double>(j) * k * 3.14159265358979323846264338327950288L / m;
-          tw[2 * (k * limit + j - 1)] = static_cast<short>(std::lround(std::cos(w) * 16384.0L));
-          tw[2 * (k * limit + j - 1) + 1] = static_cast<short>(std::lround(-std::sin(w) * 16384.0L));
-        }
+      fillTwiddles(tw, m, limit, [](long double v) { return static_cast<short>(std::lround(v * 16384.0L)); });
     // 32-bit accumulators that wrap like the machine's registers.
     const std::uint32_t one = (14 - inScale >= 0 && 14 - inScale < 32) ? (std::uint32_t{1} << (14 - inScale)) : 0u;
     for (int k = 0; k < m; ++k) {

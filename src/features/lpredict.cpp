@@ -12,22 +12,30 @@ using xk::features::kModLpred;
 
 namespace {
 
+// Makes `table` hold `rows` rows of at least `len` floats: a smaller one is
+// freed (capacity 0 first) and allocated again. False after reporting.
+bool growTable(float **&table, int &capacity, int rows, int len, const char *func, const char *message,
+               int line) {
+  if (len <= capacity) return true;
+  capacity = 0;
+  XKFree2(table);
+  table = XKsAlloc2(rows, len);
+  if (table == nullptr) {
+    xk::report(XK_StsNoMem, func, message, kModLpred, line);
+    return false;
+  }
+  capacity = len;
+  return true;
+}
+
 // Autocorrelation method. Returns 1, or 0 when a reflection coefficient
 // leaves [-1, 1] (lpc untouched) or memory runs out.
 int lpAutocorr(const float *frame, int n, float *lpc, int p) {
   auto &lp = xk::context().lpred;
   const int rowLen = (p + 4) & ~1;
-  if (rowLen > lp.autocorrLen) {
-    lp.autocorrLen = 0;
-    XKFree2(lp.arrAutocorr);
-    lp.arrAutocorr = XKsAlloc2(3, rowLen);
-    if (lp.arrAutocorr == nullptr) {
-      xk::report(XK_StsNoMem, "ownsLPAutocorr",
-                 "insufficiency of memory for pointer  pXKContext->LP.arrAutocorr", kModLpred, __LINE__);
-      return 0;
-    }
-    lp.autocorrLen = rowLen;
-  }
+  if (!growTable(lp.arrAutocorr, lp.autocorrLen, 3, rowLen, "ownsLPAutocorr",
+                 "insufficiency of memory for pointer  pXKContext->LP.arrAutocorr", __LINE__))
+    return 0;
   float *r = lp.arrAutocorr[0], *e = lp.arrAutocorr[1], *a = lp.arrAutocorr[2];
   xk::features::clearKernelStatus();
   kfxsAutoCorr(frame, n, r, p + 1, KFX_AutoCorrNone);
@@ -63,17 +71,9 @@ int lpCovariance(const float *frame, int n, float *lpc, int p) {
   const int q = (p + 3) & ~1;
   const int t = (p * (p - 1) / 2 + 3) & ~1;
   const int len = 3 * t + 4 * q;
-  if (len > lp.covarianceLen) {
-    lp.covarianceLen = 0;
-    XKFree2(lp.arrCovariance);
-    lp.arrCovariance = XKsAlloc2(1, len);
-    if (lp.arrCovariance == nullptr) {
-      xk::report(XK_StsNoMem, "ownsLPCovariance",
-                 "insufficiency of memory for pointer  pXKContext->LP.arrCovariance", kModLpred, __LINE__);
-      return 0;
-    }
-    lp.covarianceLen = len;
-  }
+  if (!growTable(lp.arrCovariance, lp.covarianceLen, 1, len, "ownsLPCovariance",
+                 "insufficiency of memory for pointer  pXKContext->LP.arrCovariance", __LINE__))
+    return 0;
   float *base = lp.arrCovariance[0];
   float *l = base;               // unit lower factor, packed rows (strict part)
   float *lc = base + t;          // the same factor by columns
