@@ -87,8 +87,6 @@ void addMatchOptions(CLI::App &app, MatchOptions &m) {
   app.add_option("--adapt", m.adapt,
                  "fraction of a speaker's files that, recognised, become extra templates for a second pass")
       ->group(group)->check(CLI::Range(0.0, 1.0))->capture_default_str();
-  app.add_option("--warps", m.warps, "filter-bank warp factors of the training copies")
-      ->group(group)->delimiter(',')->check(CLI::Range(0.5, 2.0));
 }
 
 // ---- features ----

@@ -133,10 +133,7 @@ std::string matchWords(const MatchOptions &m) {
   out << "templates_per_word=" << m.templatesPerWord << " neighbours=" << m.neighbours
       << " delta=" << m.delta << " city_block=" << (m.cityBlock ? 1 : 0)
       << " speaker_norm=" << m.speakerNorm << " delta_weight_percent="
-      << std::lround(m.deltaWeight * 100) << " adapt_percent=" << std::lround(m.adapt * 100)
-      << " warps=";
-  out.precision(6);
-  for (size_t i = 0; i < m.warps.size(); ++i) out << (i ? ":" : "") << m.warps[i];
+      << std::lround(m.deltaWeight * 100) << " adapt_percent=" << std::lround(m.adapt * 100);
   return out.str();
 }
 
@@ -144,19 +141,6 @@ void parseMatch(const std::string &words, MatchOptions &m) {
   std::istringstream in(words);
   std::string word;
   while (in >> word) {
-    if (word.rfind("warps=", 0) == 0) {
-      m.warps.clear();
-      std::istringstream list(word.substr(6));
-      for (std::string item; std::getline(list, item, ':');) {
-        char *end = nullptr;
-        const double w = std::strtod(item.c_str(), &end);
-        if (end == item.c_str() || *end != '\0' || !(w >= 0.5 && w <= 2.0))
-          throw ToolError{"bad warp factor: " + item};
-        m.warps.push_back(w);
-      }
-      if (m.warps.empty()) throw ToolError{"no warp factor"};
-      continue;
-    }
     int value = 0;
     char key[32] = {0};
     if (std::sscanf(word.c_str(), "%31[a-z_]=%d", key, &value) != 2)
@@ -248,25 +232,13 @@ void weightDynamics(std::vector<Features> &items, int statics, double weight) {
       for (int d = statics; d < f.dim; ++d) f.data[static_cast<size_t>(t) * f.dim + d] *= w;
 }
 
-xkl_frontend_config warpedConfig(const FrontOptions &front, int sampleRate, double factor) {
-  if (factor == 1.0) return toConfig(front, sampleRate);
-  // Scaled edges; an open upper edge is taken as 90% of the band so that a
-  // factor above 1 still fits below half the sample rate.
-  FrontOptions w = front;
-  const double high = front.highHz > 0 ? front.highHz : 0.45 * sampleRate;
-  w.lowHz = static_cast<int>(std::lround(front.lowHz * factor));
-  w.highHz = static_cast<int>(std::min(std::lround(high * factor), static_cast<long>(sampleRate / 2)));
-  if (front.linear > 0) w.linearHz = static_cast<int>(std::lround(front.linearHz * factor));
-  return toConfig(w, sampleRate);
-}
-
 Model train(const std::vector<LabelledFile> &files, const FrontOptions &front,
             const MatchOptions &match, bool progress, TrainReport *report) {
   Model model;
   model.front = front;
   model.match = match;
   std::vector<Features> items;
-  std::vector<std::string> keys, labels, speakers;
+  std::vector<std::string> labels, speakers;
   Progress bar(progress, "features", files.size());
   double seconds = 0;
   xkl_frontend_config config{};
@@ -282,18 +254,13 @@ Model train(const std::vector<LabelledFile> &files, const FrontOptions &front,
                       " Hz"};
     }
     seconds += static_cast<double>(audio.samples.size()) / audio.sampleRate;
-    for (size_t w = 0; w < match.warps.size(); ++w) {
-      const double warp = match.warps[w];
-      items.push_back(computeFeatures(warp == 1.0 ? config : warpedConfig(front, audio.sampleRate, warp),
-                                      audio.samples, file.path));
-      keys.push_back(file.speaker + "\n" + std::to_string(w));
-      labels.push_back(file.label);
-      speakers.push_back(file.speaker);
-    }
+    items.push_back(computeFeatures(config, audio.samples, file.path));
+    labels.push_back(file.label);
+    speakers.push_back(file.speaker);
     bar.step(file.path);
   }
   bar.done();
-  normalizeGroups(items, keys, match.speakerNorm);
+  normalizeGroups(items, speakers, match.speakerNorm);
   weightDynamics(items, config.n_ceps, match.deltaWeight);
   // Templates are chosen per word and speaker.
   std::map<std::string, int> groupOf;

@@ -16,10 +16,6 @@ struct MatchOptions {
   int neighbours = 1;         // a word's score: the mean distance of its k nearest templates
   int delta = 2;              // frames of free start and end
   bool cityBlock = false;     // L1 local distance (else L2)
-  // Training copies of each file with the filter bank's edges scaled by
-  // these factors (a vocal-tract-length warp), so that the templates cover
-  // voices whose formants sit higher or lower; 1 is the file as it is.
-  std::vector<double> warps = {1.0};
   // Self-adaptation to a speaker: after a first pass over one speaker's
   // files, this fraction of them, the most confidently recognised, join the
   // templates under the words they were given, and every file of the
@@ -41,8 +37,6 @@ void weightDynamics(std::vector<Features> &items, int statics, double weight);
 // concatenation); `mode` as MatchOptions::speakerNorm.
 void normalizeGroups(std::vector<Features> &items, const std::vector<std::string> &keys, int mode);
 
-// The front end with the filter bank warped by `factor`.
-xkl_frontend_config warpedConfig(const FrontOptions &front, int sampleRate, double factor);
 
 struct LabelledFile {
   std::string path, label;
