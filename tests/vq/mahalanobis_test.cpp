@@ -140,7 +140,9 @@ TEST(Mahalanobis16, HandComputedRows) {
                               r.nullScale ? nullptr : &scale),
               r.expect)
         << r.x[0] << " mode " << r.mode << " scale " << r.scale;
-    if (r.mode == 2) EXPECT_EQ(scale, 0);
+    if (r.mode == 2) {
+      EXPECT_EQ(scale, 0);
+    }
   }
   // Full form: x = (1, 2), A = [[2, 1], [1, 3]]: 2 + 12 + 2 * 2.
   short x[2] = {1, 2}, m[2] = {0, 0}, r0[1] = {2}, r1[2] = {1, 3};
