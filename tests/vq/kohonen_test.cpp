@@ -36,13 +36,6 @@ TEST(Kohonen, DocumentedWritesIntoBest) {
   std::fill(best, best + 3, -1);
   XKsVQKohonen(x, cw, dist, 1, 3, best, 0, 0);
   EXPECT_EQ(best[0], -1);
-
-  short wx[1] = {0}, w0[1] = {2}, w1[1] = {1}, w2[1] = {-1};
-  short *wcw[3] = {w0, w1, w2};
-  int wd[3];
-  XKwVQKohonen(wx, wcw, wd, 1, 3, best, 5, 0, 0, nullptr);
-  EXPECT_EQ(std::vector<int>(best, best + 3), (std::vector<int>{1, 2, 0}));
-  EXPECT_EQ(std::vector<int>(wd, wd + 3), (std::vector<int>{4, 1, 1}));
 }
 
 TEST(Kohonen, OrderAgainstSortOfAllDistances) {
