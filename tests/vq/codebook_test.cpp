@@ -9,6 +9,8 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include "vq/codebook_internal.h"
@@ -151,11 +153,12 @@ void expectSameTree(const RefNode<T> *r, const XKCodebookNode *n, int dim, std::
   for (int i : r->members) EXPECT_EQ(labels[i], r->leafNumber);
 }
 
-XKCodebook *make(Data<float> &d, int *labels, int size, int flags) {
-  return XKsMakeCodebook(d.table(), labels, d.n(), d.dim, size, flags);
+// n < 0: all the vectors of d.
+XKCodebook *make(Data<float> &d, int *labels, int size, int flags, int n = -1) {
+  return XKsMakeCodebook(d.table(), labels, n < 0 ? d.n() : n, d.dim, size, flags);
 }
-XKCodebook *make(Data<short> &d, int *labels, int size, int flags) {
-  return XKwMakeCodebook(d.table(), labels, d.n(), d.dim, size, flags);
+XKCodebook *make(Data<short> &d, int *labels, int size, int flags, int n = -1) {
+  return XKwMakeCodebook(d.table(), labels, n < 0 ? d.n() : n, d.dim, size, flags);
 }
 void quantize(XKCodebook *cb, Data<float> &d, int *idx) {
   double dist;
@@ -273,57 +276,29 @@ TYPED_TEST(CodebookTest, MatchesPlainRulesAndTreeSearchMatchesPlainDescent) {
   }
 }
 
-TYPED_TEST(CodebookTest, HalfwayVectorGoesRightAndSizeOneIsTheMean) {
-  using T = TypeParam;
-  Data<T> d;
-  d.dim = 1;
-  d.add({0}), d.add({2});
-  XKCodebook *cb = make(d, nullptr, 2, XK_CDBK_EUCLID | XK_CDBK_SPLIT_WIDEST);
-  ASSERT_NE(cb, nullptr);
-  Data<T> q;
-  q.dim = 1;
-  q.add({1});
-  int idx = -1;
-  quantize(cb, q, &idx);
-  EXPECT_EQ(idx, 2);
-  XK_FreeCodebook(cb);
-
-  d.add({7});
-  cb = make(d, nullptr, 1, XK_CDBK_EUCLID);
-  ASSERT_NE(cb, nullptr);
-  EXPECT_EQ(cb->depth, 1);
-  EXPECT_EQ(static_cast<T *>(cb->codewords[0])[0], 3);
-  XK_FreeCodebook(cb);
-}
-
 TYPED_TEST(CodebookTest, ReportsAndNullResults) {
   using T = TypeParam;
   const char *func = std::is_same_v<T, float> ? "XKsMakeCodebook" : "XKwMakeCodebook";
   Data<T> d = dataSet<T>(Gauss, 10, 2, 1);
   struct Row {
-    int n, dim, size, flags, line;
+    int n, size, flags, line;
     const char *text;
   };
+  const char *const noSize = "codebook of given size can not be constructed";
   const Row rows[] = {
-      {10, 2, 4, XK_CDBK_SPLIT_WIDEST, 313, "No distance is choosen in input flags."},
-      {10, 2, 0, XK_CDBK_EUCLID, 377, "codebook of given size can not be constructed"},
-      {0, 2, 2, XK_CDBK_EUCLID, 377, "codebook of given size can not be constructed"},
-      {10, 2, 11, XK_CDBK_EUCLID | XK_CDBK_SPLIT_WIDEST, 377, "codebook of given size can not be constructed"},
+      {10, 4, XK_CDBK_SPLIT_WIDEST, 313, "No distance is choosen in input flags."},
+      {10, 0, XK_CDBK_EUCLID, 377, noSize},
+      {0, 2, XK_CDBK_EUCLID, 377, noSize},
+      {10, 11, XK_CDBK_EUCLID | XK_CDBK_SPLIT_WIDEST, 377, noSize},
   };
   for (const Row &r : rows) {
     xkltest::reports().clear();
     XKSetStatus(XK_StsOk);
-    XKCodebook *cb = std::is_same_v<T, float>
-                         ? XKsMakeCodebook((float *const *)d.table(), nullptr, r.n, r.dim, r.size, r.flags)
-                         : XKwMakeCodebook((short *const *)d.table(), nullptr, r.n, r.dim, r.size, r.flags);
-    EXPECT_EQ(cb, nullptr);
+    EXPECT_EQ(make(d, nullptr, r.size, r.flags, r.n), nullptr);
     ASSERT_EQ(xkltest::reports().size(), 1u) << r.line;
     const auto &rep = xkltest::reports()[0];
-    EXPECT_EQ(rep.status, XK_StsBadArg);
-    EXPECT_EQ(rep.func, func);
-    EXPECT_EQ(rep.context, r.text);
-    EXPECT_EQ(rep.file, "Xk_cdbk");
-    EXPECT_EQ(rep.line, r.line);
+    EXPECT_EQ(std::make_tuple(rep.status, rep.func, rep.context, rep.file, rep.line),
+              std::make_tuple(int(XK_StsBadArg), std::string(func), std::string(r.text), std::string("Xk_cdbk"), r.line));
   }
 
   // A vector that reaches no leaf (depth cleared) gets 0, reported once
@@ -336,9 +311,9 @@ TYPED_TEST(CodebookTest, ReportsAndNullResults) {
   quantize(cb, d, idx.data());
   EXPECT_EQ(idx, std::vector<int>(d.n(), 0));
   ASSERT_EQ(xkltest::reports().size(), 1u);
-  EXPECT_EQ(xkltest::reports()[0].func, "XKsVQCodebook");
-  EXPECT_EQ(xkltest::reports()[0].context, "VQ is not performed for some input vectors.");
-  EXPECT_EQ(xkltest::reports()[0].line, 452);
+  const auto &rep = xkltest::reports()[0];
+  EXPECT_EQ(std::tie(rep.func, rep.context, rep.line),
+            std::make_tuple(std::string("XKsVQCodebook"), std::string("VQ is not performed for some input vectors."), 452));
   XK_FreeCodebook(cb);
 }
 
@@ -366,7 +341,7 @@ TEST(FarthestPair, BoundedSearchEqualsBruteForce) {
 }
 
 // Tree search against exhaustive search over the same codewords: the tree
-// never beats the nearest codeword; both distortions are printed.
+// never beats the nearest codeword.
 TEST(CodebookSearch, TreeAgainstExhaustive) {
   Data<float> train = dataSet<float>(Clusters, 2000, 12, 5), test = dataSet<float>(Clusters, 2000, 12, 6);
   XKCodebook *cb = make(train, nullptr, 64, XK_CDBK_EUCLID | XK_CDBK_SPLIT_WIDEST);
@@ -374,18 +349,14 @@ TEST(CodebookSearch, TreeAgainstExhaustive) {
   std::vector<int> idx(test.n());
   double tree = 0;
   XKsVQCodebook(cb, test.table(), idx.data(), test.n(), 12, &tree);
-  double exhaustive = 0, again = 0;
+  double exhaustive = 0;
   for (int i = 0; i < test.n(); ++i) {
     double best = INFINITY;
     for (int k = 0; k < cb->size; ++k)
       best = std::min(best, norm(test.rows[i].data(), (const float *)cb->codewords[k], 12));
-    exhaustive += best;
-    again += norm(test.rows[i].data(), (const float *)cb->codewords[idx[i] - 1], 12);
+    exhaustive += best / test.n();
   }
-  exhaustive /= test.n(), again /= test.n();
-  EXPECT_NEAR(tree, again, 1e-9 * tree);
   EXPECT_GE(tree, exhaustive);
-  std::printf("distortion over 2000 vectors, 64 codewords: tree %.6f, exhaustive %.6f\n", tree, exhaustive);
   XK_FreeCodebook(cb);
 }
 

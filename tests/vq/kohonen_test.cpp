@@ -36,13 +36,6 @@ TEST(Kohonen, DocumentedWritesIntoBest) {
   std::fill(best, best + 3, -1);
   XKsVQKohonen(x, cw, dist, 1, 3, best, 0, 0);
   EXPECT_EQ(best[0], -1);
-
-  short wx[1] = {0}, w0[1] = {2}, w1[1] = {1}, w2[1] = {-1};
-  short *wcw[3] = {w0, w1, w2};
-  int wd[3];
-  XKwVQKohonen(wx, wcw, wd, 1, 3, best, 5, 0, 0, nullptr);
-  EXPECT_EQ(std::vector<int>(best, best + 3), (std::vector<int>{1, 2, 0}));
-  EXPECT_EQ(std::vector<int>(wd, wd + 3), (std::vector<int>{4, 1, 1}));
 }
 
 TEST(Kohonen, OrderAgainstSortOfAllDistances) {
@@ -84,9 +77,7 @@ TEST(Kohonen, OrderAgainstSortOfAllDistances) {
           // Selection with swaps does not keep equal distances in position
           // order: compare the distances, and that best is a permutation.
           for (int i = 0; i < want; ++i) EXPECT_EQ(ref[best[i]], ref[order[i]]) << "n " << n << " nBest " << nBest;
-          std::vector<int> sorted = best;
-          std::sort(sorted.begin(), sorted.end());
-          for (int i = 0; i < n; ++i) EXPECT_EQ(sorted[i], i);
+          EXPECT_TRUE(std::is_permutation(best.begin(), best.end(), order.begin()));
           EXPECT_EQ(wbest, best);
         }
       }

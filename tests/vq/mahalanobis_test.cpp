@@ -77,18 +77,6 @@ TEST(MahalanobisFloat, AgreesWithDirectSumBothPathsAndBothSimdModes) {
   }
 }
 
-TEST(MahalanobisFloat, EdgeCases) {
-  float x[1] = {3}, m[1] = {1}, a0[1] = {2.5f};
-  float *rows[1] = {a0};
-  EXPECT_EQ(XKsMahalanobis(x, m, rows, 1, 0), 10.0);  // d0^2 A[0][0]
-  EXPECT_EQ(XKsMahalanobisD(x, m, a0, 1, 1), std::sqrt(10.0));
-  std::vector<float> same(12, 0.5f);
-  Triangle<float> a(12);
-  for (auto &r : a.rows)
-    for (auto &e : r) e = 1.0f;
-  EXPECT_EQ(XKsMahalanobis(same.data(), same.data(), a.ptr.data(), 12, 1), 0.0);
-}
-
 // Exact 16-bit results: the direct double sum over the symmetric matrix is
 // exact for these ranges, and the kernels must agree modulo 2^32.
 TEST(Mahalanobis16, ExactInRangeAndSimdEqualsPortable) {
