@@ -160,15 +160,13 @@ TEST_F(Mfcc, SixteenBitFormFollowsFloatForm) {
   }
 }
 
-// c_i (1 + L/2 sin(pi i / L)): L = 22 keeps c0 and multiplies c11 by 12; the
-// 16-bit form goes through float and back with scale 0 (truncating).
+// c_i (1 + L/2 sin(pi i / L)); the 16-bit form goes through float and back
+// with scale 0 (truncating).
 TEST(Lifter, WeightsBySineLifter) {
   std::vector<float> c(16, 2.0f);
   std::vector<short> w(16, 100);
   XKsLiftering(c.data(), 16, 22);
   XKwLiftering(w.data(), 16, 22);
-  EXPECT_EQ(c[0], 2.0f);
-  EXPECT_FLOAT_EQ(c[11], 24.0f);
   for (int i = 0; i < 16; ++i) {
     EXPECT_FLOAT_EQ(c[i], 2.0 * (1 + 11 * std::sin(featref::kPi * i / 22)));
     EXPECT_EQ(w[i], static_cast<short>(c[i] * 50.0f)) << i;
@@ -219,15 +217,15 @@ TEST_F(Mfcc, VectorisedLoopsMatchPortableLoops) {
     std::vector<float> res[2], spec[2];
     for (int simd = 0; simd < 2; ++simd) {
       xk::features::setFeatureSimd(simd == 1);
-      std::vector<float> in(x.begin(), x.begin() + ((flags & 1) ? 512 : 257)), out(13), mel(26);
+      std::vector<float> in(x.begin(), x.begin() + ((flags & 1) ? 512 : 257)), &mel = spec[simd];
       for (float &e : in) e = std::fabs(e) + 1e-3f;
       XKsPreemphasize(in.data(), 0.5f, static_cast<int>(in.size()));
       for (float &e : in) e = std::fabs(e) + 1e-3f;
+      mel.resize(26);
       XKsMelFiltering(f, in.data(), mel.data());
-      spec[simd] = mel;
-      spec[simd].insert(spec[simd].end(), in.begin(), in.end());
-      XKsCepstralMFCC(f, in.data(), out.data(), 13, 0.05f, flags);
-      res[simd] = out;
+      mel.insert(mel.end(), in.begin(), in.end());
+      res[simd].resize(13);
+      XKsCepstralMFCC(f, in.data(), res[simd].data(), 13, 0.05f, flags);
     }
     EXPECT_EQ(std::memcmp(spec[0].data(), spec[1].data(), spec[0].size() * sizeof(float)), 0) << flags;
     for (int i = 0; i < 13; ++i) EXPECT_NEAR(res[0][i], res[1][i], 4e-6) << flags;
@@ -256,11 +254,10 @@ TEST(Release, ThreadReleasesEverything) {
     XKFreeLPTbls();
     XKFreePreemphasizeTbls();
     const auto &ctx = xk::context();
-    for (void *b : ctx.ceps.buf) EXPECT_EQ(b, nullptr);
-    for (void *b : ctx.preemphLpSpec.slot) EXPECT_EQ(b, nullptr);
-    EXPECT_EQ(ctx.lpred.arrAutocorr, nullptr);
-    EXPECT_EQ(ctx.ceps.dctBasis, nullptr);
-    EXPECT_EQ(ctx.preemphLpSpec.buff, nullptr);
+    std::vector<const void *> left(std::begin(ctx.ceps.buf), std::end(ctx.ceps.buf));
+    left.insert(left.end(), std::begin(ctx.preemphLpSpec.slot), std::end(ctx.preemphLpSpec.slot));
+    left.insert(left.end(), {ctx.lpred.arrAutocorr, ctx.ceps.dctBasis, ctx.preemphLpSpec.buff});
+    EXPECT_EQ(left, std::vector<const void *>(left.size(), nullptr));
   }).join();
 }
 
