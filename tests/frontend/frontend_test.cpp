@@ -1,7 +1,5 @@
-// The streaming front end: chunking never changes a bit, the pipeline
-// matches a reference written from the formulas (framing, padding, window,
-// energy, regression deltas, mean and variance normalisation), bad
-// configurations fail with a readable text and never end the process.
+// The streaming front end: chunking never changes a bit, the pipeline matches
+// the formulas, bad configurations fail with a readable text, never fatally.
 #include <gtest/gtest.h>
 
 #include <barrier>
@@ -34,20 +32,17 @@ Config config(F change = [](Config &) {}) {
 
 // Speech-like test signal in whole numbers on the 16-bit scale: a gliding
 // harmonic series with an amplitude envelope, plus noise and a silent stretch.
-std::vector<float> speechLike(size_t n, unsigned seed, int rate = 16000) {
+std::vector<float> speechLike(size_t n, unsigned seed) {
   std::mt19937 gen(seed);
   std::normal_distribution<double> noise(0.0, 200.0);
   std::vector<float> x(n);
-  double phase = 0.0;
+  double phase = 0.0, v;
   for (size_t i = 0; i < n; ++i) {
-    const double t = static_cast<double>(i) / rate;
-    const double f0 = 110.0 + 60.0 * std::sin(2.0 * M_PI * 1.3 * t);
-    phase += 2.0 * M_PI * f0 / rate;
-    double v = 0.0;
+    const double t = i / 16000.0, env = 0.5 + 0.5 * std::sin(2.0 * M_PI * 2.1 * t);
+    phase += 2.0 * M_PI * (110.0 + 60.0 * std::sin(2.0 * M_PI * 1.3 * t)) / 16000.0;
+    v = 0.0;
     for (int h = 1; h <= 12; ++h) v += std::sin(h * phase) / h;
-    const double env = 0.5 + 0.5 * std::sin(2.0 * M_PI * 2.1 * t);
-    const bool silent = i > n / 2 && i < n / 2 + n / 10;
-    x[i] = silent ? 0.0f : static_cast<float>(std::round(6000.0 * env * v + noise(gen)));
+    x[i] = i > n / 2 && i < n / 2 + n / 10 ? 0.0f : static_cast<float>(std::round(6000.0 * env * v + noise(gen)));
   }
   return x;
 }
@@ -361,9 +356,8 @@ TEST(FrontendThreads, OneObjectPerThreadManyThreads) {
   const std::vector<float> expected = runBatch(cfg, x);
   std::vector<std::vector<float>> results(4);
   std::vector<std::thread> threads;
-  // The cepstrum buffers are per thread and released by XKFreeCepsTbls,
-  // which also drops the shared FFT tables: each thread releases its own
-  // once every thread has finished transforming, one at a time.
+  // XKFreeCepsTbls also drops the shared FFT tables: each thread releases
+  // its buffers once all have finished transforming, one at a time.
   std::barrier done(static_cast<std::ptrdiff_t>(results.size()));
   std::mutex release;
   for (size_t i = 0; i < results.size(); ++i)
