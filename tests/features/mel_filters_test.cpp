@@ -1,5 +1,5 @@
-// Mel filter banks: hand-computed banks, agreement with the design rules
-// written independently, unit area, the mel defaulting and the 16-bit init.
+// Mel filter banks: hand-computed banks, the design rules written
+// independently, unit area, the mel defaulting and the 16-bit init.
 #include <gtest/gtest.h>
 
 #include <numeric>
@@ -30,13 +30,12 @@ std::vector<float> weightsOf(const XKMFCCFilters *f, int i) {
 // 16 bins of 1000 Hz (15000 / (16 - 1)) on mel(f) = 1e9 ln(1 + f / 1e9),
 // linear to 1e-5 Hz here, so every edge is a hand-computed frequency.
 TEST_F(MelFilters, HandComputedBanks) {
-  struct HandBank {
+  struct {
     const char *name;
     int nf, lo, hi, nLin, linF, nFixed, fixedLen, firstBin, lastBin;
     std::vector<int> dis;
     std::vector<std::vector<double>> w;
-  };
-  const HandBank banks[] = {
+  } const banks[] = {
       // One filter 0..8500 peaking at 4250: (0,1,2,3,4,3.5,2.5,1.5,0.5) / 18.
       {"one filter", 1, 0, 8500, 0, 0, 0, 0, 0, 8, {0},
        {{0, 1 / 18., 2 / 18., 3 / 18., 4 / 18., 3.5 / 18., 2.5 / 18., 1.5 / 18., 0.5 / 18.}}},
@@ -52,7 +51,7 @@ TEST_F(MelFilters, HandComputedBanks) {
       {"narrow, above", 1, 1250, 1950, 0, 0, 0, 0, 2, 2, {2}, {{1}}},
   };
   XKSetMelScale(static_cast<float>(1e9 * std::log(10.0)), 1e9f);
-  for (const HandBank &h : banks) {
+  for (const auto &h : banks) {
     SCOPED_TRACE(h.name);
     XKMFCCFilters *f = XKsMFCCInit(4, h.nf, h.lo, h.hi, 15000, h.nLin, h.linF);
     EXPECT_EQ(std::vector<int>({f->order, f->fftLen, f->nFilters, f->nFixed, f->fixedLen, f->firstBin, f->lastBin}),
@@ -68,8 +67,7 @@ TEST_F(MelFilters, HandComputedBanks) {
 }
 
 // Realistic banks against the design rules: same first bins and weights
-// (fixed-group padding aside), each filter's weights add up to 1, and
-// power-of-two counts give dctOrder = log2(nFilters).
+// (padding aside), unit area, dctOrder = log2(nFilters) for powers of two.
 TEST_F(MelFilters, AgreeWithDesignRulesAndHaveUnitArea) {
   const int banks[][8] = {{9, 26, 0, 8000, 16000, 0, 0, 0},   {9, 32, 133, 6855, 16000, 0, 0, 5},
                           {8, 20, 0, 4000, 8000, 8, 1000, 0}, {10, 24, 64, 8000, 16000, 12, 1000, 0},

@@ -41,14 +41,13 @@ TEST(Preemphasis, SixteenBitEdgesWrapAndGroupsSaturate) {
 }
 
 TEST(Preemphasis, SixteenBitModes) {
-  struct Case {
+  struct {
     const char *what;
     float alpha;
     int mode, scaleIn;
     std::vector<short> x, expect;
     int scaleOut;
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {"mode 0, first differences", 1.0f, 0, 5, {100, 300, 200}, {100, 200, -100}, 0},
       {"mode 1, shift 2: (800 - 400/2) / 4", 0.5f, 1, 2, {400, 800}, {100, 150}, 2},
       {"mode 1, shift -1", 0.5f, 1, -1, {400, 800}, {800, 1200}, -1},
@@ -61,7 +60,7 @@ TEST(Preemphasis, SixteenBitModes) {
       {"alpha 1.5, mode 3 saturates", 1.5f, 3, 3, {-30000, 30000}, {-30000, 32767}, 0},
       {"mode 1, scale 20", 0.5f, 1, 20, {1000, 3000}, {0, 0}, 20},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     std::vector<short> x(c.x);
     int scale = c.scaleIn;
     XKwPreemphasize(x.data(), c.alpha, static_cast<int>(x.size()), c.mode, &scale);
