@@ -1,0 +1,287 @@
+// Forward kernels: widening a candidate's transitions, the frame step in a
+// portable and an AVX2 form, the power-of-two rescaling and the pass over a
+// sequence.
+//
+// Both step forms add the same products in the same order (ascending source
+// state for every target, then the row sum on four lanes), and neither uses
+// fused multiply-add, so they give the same bits. The widened transitions
+// are zero wherever the model has no arc; the AVX2 form may therefore run a
+// column block over a few sources past the diagonal of a left-right model,
+// adding exact zeros that change nothing.
+#include "hmm/forward_kernels.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "frame/cpu.h"
+#include "hmm/hmm_internal.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define XKL_FORWARD_HAVE_AVX2 1
+#endif
+
+namespace xk::hmm {
+
+namespace {
+
+std::atomic<bool> simdOff{false};
+
+constexpr double kLog10Of2 = 0.3010299956639812;
+constexpr std::size_t kAlign = 32;
+
+int transitionDoubles(ForwardTopology topology, int nPad) {
+  return topology == ForwardTopology::Bakis ? 3 * nPad : nPad * nPad;
+}
+
+// The row sum on four lanes, combined as the AVX2 horizontal add does.
+double laneSum(const double *v, int nPad) {
+  double s[4] = {0.0, 0.0, 0.0, 0.0};
+  for (int j = 0; j < nPad; j += 4)
+    for (int l = 0; l < 4; ++l) s[l] += v[j + l];
+  return (s[0] + s[2]) + (s[1] + s[3]);
+}
+
+template <class B>
+double stepPortable(const ForwardModel &m, const double *cur, double *next, const B *b) {
+  const int n = m.n, nPad = m.nPad;
+  if (m.topology == ForwardTopology::Bakis) {
+    const double *d0 = m.a, *d1 = m.a + nPad, *d2 = m.a + 2 * nPad;
+    for (int j = 0; j < nPad; ++j)
+      next[j] = ((cur[j] * d0[j] + cur[j - 1] * d1[j]) + cur[j - 2] * d2[j]) * static_cast<double>(b[j]);
+    return laneSum(next, nPad);
+  }
+  // Row by row, so that each target still sums its sources in ascending
+  // order while the inner loop runs over contiguous targets.
+  const bool leftRight = m.topology == ForwardTopology::LeftRight;
+  std::fill(next, next + nPad, 0.0);
+  for (int i = 0; i < n; ++i) {
+    const double x = cur[i];
+    const double *row = m.a + static_cast<std::size_t>(i) * nPad;
+    for (int j = leftRight ? i : 0; j < nPad; ++j) next[j] += x * row[j];
+  }
+  for (int j = 0; j < nPad; ++j) next[j] *= static_cast<double>(b[j]);
+  return laneSum(next, nPad);
+}
+
+#ifdef XKL_FORWARD_HAVE_AVX2
+
+#define XKL_AVX2 __attribute__((target("avx2")))
+
+XKL_AVX2 inline __m256d loadOutputs(const float *b) { return _mm256_cvtps_pd(_mm_loadu_ps(b)); }
+XKL_AVX2 inline __m256d loadOutputs(const double *b) { return _mm256_loadu_pd(b); }
+
+XKL_AVX2 inline double horizontalSum(__m256d v) {
+  const __m128d pair = _mm_add_pd(_mm256_castpd256_pd128(v), _mm256_extractf128_pd(v, 1));
+  return _mm_cvtsd_f64(_mm_add_sd(pair, _mm_unpackhi_pd(pair, pair)));
+}
+
+// Targets jb .. jb + 4K - 1 kept in K registers over the sources 0..iEnd-1.
+template <int K, class B>
+XKL_AVX2 inline void columnBlock(const double *a, int nPad, const double *cur, int iEnd, int jb, double *next,
+                                 const B *b, __m256d &sum) {
+  __m256d acc[K];
+  for (int k = 0; k < K; ++k) acc[k] = _mm256_setzero_pd();
+  const double *row = a + jb;
+  for (int i = 0; i < iEnd; ++i, row += nPad) {
+    const __m256d x = _mm256_broadcast_sd(cur + i);
+    for (int k = 0; k < K; ++k) acc[k] = _mm256_add_pd(acc[k], _mm256_mul_pd(x, _mm256_load_pd(row + 4 * k)));
+  }
+  for (int k = 0; k < K; ++k) {
+    const __m256d v = _mm256_mul_pd(acc[k], loadOutputs(b + jb + 4 * k));
+    _mm256_store_pd(next + jb + 4 * k, v);
+    sum = _mm256_add_pd(sum, v);
+  }
+}
+
+template <class B>
+XKL_AVX2 double stepAvx2(const ForwardModel &m, const double *cur, double *next, const B *b) {
+  const int n = m.n, nPad = m.nPad;
+  __m256d sum = _mm256_setzero_pd();
+  if (m.topology == ForwardTopology::Bakis) {
+    const double *d0 = m.a, *d1 = m.a + nPad, *d2 = m.a + 2 * nPad;
+    for (int j = 0; j < nPad; j += 4) {
+      const __m256d p0 = _mm256_mul_pd(_mm256_load_pd(cur + j), _mm256_load_pd(d0 + j));
+      const __m256d p1 = _mm256_mul_pd(_mm256_loadu_pd(cur + j - 1), _mm256_load_pd(d1 + j));
+      const __m256d p2 = _mm256_mul_pd(_mm256_loadu_pd(cur + j - 2), _mm256_load_pd(d2 + j));
+      const __m256d v = _mm256_mul_pd(_mm256_add_pd(_mm256_add_pd(p0, p1), p2), loadOutputs(b + j));
+      _mm256_store_pd(next + j, v);
+      sum = _mm256_add_pd(sum, v);
+    }
+    return horizontalSum(sum);
+  }
+  const bool leftRight = m.topology == ForwardTopology::LeftRight;
+  auto sources = [&](int jEnd) { return leftRight ? std::min(n, jEnd) : n; };
+  int jb = 0;
+  for (; nPad - jb >= 32; jb += 32) columnBlock<8>(m.a, nPad, cur, sources(jb + 32), jb, next, b, sum);
+  if (nPad - jb >= 16) columnBlock<4>(m.a, nPad, cur, sources(jb + 16), jb, next, b, sum), jb += 16;
+  if (nPad - jb >= 8) columnBlock<2>(m.a, nPad, cur, sources(jb + 8), jb, next, b, sum), jb += 8;
+  if (nPad - jb >= 4) columnBlock<1>(m.a, nPad, cur, sources(jb + 4), jb, next, b, sum);
+  return horizontalSum(sum);
+}
+
+#undef XKL_AVX2
+#endif  // XKL_FORWARD_HAVE_AVX2
+
+template <class B>
+using StepFn = double (*)(const ForwardModel &, const double *, double *, const B *);
+
+template <class B>
+StepFn<B> pickStep() {
+#ifdef XKL_FORWARD_HAVE_AVX2
+  if (forwardSimdActive()) return &stepAvx2<B>;
+#endif
+  return &stepPortable<B>;
+}
+
+// The frames after the first: step, then the rescaling check.
+template <class B, class Row>
+bool runFrames(const ForwardModel &m, int nFrames, ForwardScratch &scratch, double S, Row outputsOf,
+               ForwardScore *score) {
+  const StepFn<B> step = pickStep<B>();
+  double *cur = scratch.alpha(0), *next = scratch.alpha(1);
+  int scaleCount = 0;
+  for (int t = 1; t < nFrames; ++t) {
+    const B *b = outputsOf(t);
+    if (!b) return false;
+    S = step(m, cur, next, b);
+    if (!forwardRescale(next, m.nPad, &S, &scaleCount, t == nFrames - 1)) return false;
+    std::swap(cur, next);
+  }
+  score->S = S;
+  score->scaleCount = scaleCount;
+  return true;
+}
+
+// alpha_0[j] = pi[j] x b_j(0) with zero padding; returns its sum.
+template <class B>
+double firstFrame(const ForwardModel &m, const float *initial, const B *b, double *alpha) {
+  for (int j = 0; j < m.nPad; ++j)
+    alpha[j] = j < m.n ? static_cast<double>(initial[j]) * static_cast<double>(b[j]) : 0.0;
+  return laneSum(alpha, m.nPad);
+}
+
+}  // namespace
+
+double forwardCost(const ForwardScore &score) {
+  return score.scaleCount * kLog10Of2 - kLog10Of2 * std::log2(score.S);
+}
+
+ForwardScratch::~ForwardScratch() {
+  if (block_) ::operator delete(block_, std::align_val_t{kAlign});
+}
+
+bool ForwardScratch::reserve(ForwardTopology topology, int n) {
+  const int nPad = pad4(std::max(n, 1));
+  const std::size_t rowBytes = static_cast<std::size_t>(kAlphaGuard + nPad) * sizeof(double);
+  const std::size_t transBytes = static_cast<std::size_t>(transitionDoubles(topology, nPad)) * sizeof(double);
+  const std::size_t need = transBytes + 2 * rowBytes + static_cast<std::size_t>(nPad) * sizeof(double);
+  if (need > capacity_) {
+    void *fresh = ::operator new(need, std::align_val_t{kAlign}, std::nothrow);
+    if (!fresh) return false;
+    if (block_) ::operator delete(block_, std::align_val_t{kAlign});
+    block_ = fresh;
+    capacity_ = need;
+  }
+  // Every piece starts on 32 bytes: nPad and kAlphaGuard are multiples of 4.
+  char *p = static_cast<char *>(block_);
+  trans_ = reinterpret_cast<double *>(p);
+  p += transBytes;
+  for (double *&row : alpha_) {
+    std::fill_n(reinterpret_cast<double *>(p), kAlphaGuard, 0.0);
+    row = reinterpret_cast<double *>(p) + kAlphaGuard;
+    p += rowBytes;
+  }
+  out_ = reinterpret_cast<double *>(p);
+  std::fill_n(out_, nPad, 0.0);
+  return true;
+}
+
+ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed, ForwardScratch &scratch) {
+  ForwardModel m;
+  m.topology = topology;
+  m.n = n;
+  m.nPad = pad4(std::max(n, 1));
+  double *a = scratch.transitions();
+  m.a = a;
+  const int nPad = m.nPad;
+  std::fill_n(a, transitionDoubles(topology, nPad), 0.0);
+  switch (topology) {
+    case ForwardTopology::General:
+      for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) a[i * nPad + j] = packed[i * n + j];
+      break;
+    case ForwardTopology::LeftRight:
+      for (int i = 0; i < n; ++i)
+        for (int j = i; j < n; ++j) a[i * nPad + j] = *packed++;
+      break;
+    case ForwardTopology::Bakis:
+      // Triples (a[i][i], a[i][i+1], a[i][i+2]) from offset 3i; the tail
+      // keeps a[n-1][n-1] at offset 3(n-1).
+      for (int j = 0; j < n; ++j) {
+        a[j] = packed[3 * j];
+        if (j >= 1) a[nPad + j] = packed[3 * (j - 1) + 1];
+        if (j >= 2) a[2 * nPad + j] = packed[3 * (j - 2) + 2];
+      }
+      break;
+  }
+  return m;
+}
+
+double forwardStep(const ForwardModel &m, const double *cur, double *next, const float *b) {
+  return pickStep<float>()(m, cur, next, b);
+}
+
+double forwardStep(const ForwardModel &m, const double *cur, double *next, const double *b) {
+  return pickStep<double>()(m, cur, next, b);
+}
+
+bool forwardRescale(double *alpha, int nPad, double *S, int *scaleCount, bool lastFrame) {
+  const std::uint64_t bits = std::bit_cast<std::uint64_t>(*S);
+  if (bits >> 63) return false;
+  int e = static_cast<int>((bits >> 52) & 0x7FF);
+  if (e == 0 || e >= 2046) return false;
+  if (e >= 895 && e <= 1151 && !lastFrame) return true;
+  e = std::max(e, 767);
+  // 2^(1023 - e), built from its exponent field: exact, so no rounding.
+  const double factor = std::bit_cast<double>(static_cast<std::uint64_t>(2046 - e) << 52);
+  for (int j = 0; j < nPad; ++j) alpha[j] *= factor;
+  *S *= factor;
+  *scaleCount += 1023 - e;
+  return true;
+}
+
+bool forwardDiscrete(const ForwardModel &m, const float *const *outRows, int nSymbols, const float *initial,
+                     const int *obs, int nFrames, ForwardScratch &scratch, ForwardScore *score) {
+  auto outputsOf = [&](int t) -> const float * {
+    const int o = obs[t];
+    return o >= 0 && o < nSymbols ? outRows[o] : nullptr;
+  };
+  const float *b0 = outputsOf(0);
+  if (!b0) return false;
+  const double S0 = firstFrame(m, initial, b0, scratch.alpha(0));
+  return runFrames<float>(m, nFrames, scratch, S0, outputsOf, score);
+}
+
+bool forwardContinuous(const ForwardModel &m, GaussMixServer *const *mixtures, int nQuant, const float *initial,
+                       const float *const *obs, int nFrames, ForwardScratch &scratch, ForwardScore *score) {
+  double *row = scratch.outputs();  // padding lanes stay zero
+  auto outputsOf = [&](int t) -> const double * {
+    for (int j = 0; j < m.n; ++j) row[j] = XKsEvalGaussMix(mixtures[j], obs[t], nQuant);
+    return row;
+  };
+  const double S0 = firstFrame(m, initial, outputsOf(0), scratch.alpha(0));
+  return runFrames<double>(m, nFrames, scratch, S0, outputsOf, score);
+}
+
+void setForwardSimd(bool on) { simdOff.store(!on, std::memory_order_relaxed); }
+
+bool forwardSimdActive() { return !simdOff.load(std::memory_order_relaxed) && cpuFeatures().avx2; }
+
+}  // namespace xk::hmm

@@ -1,0 +1,97 @@
+// Forward scoring of one exponential float model: the transitions widened
+// to double once per candidate, one frame step (portable and AVX2 paths that
+// give the same bits), the power-of-two rescaling, and the whole pass over a
+// sequence. The candidate walk and the entry points live in forward.cpp.
+#pragma once
+
+#include <cstddef>
+
+#include "xkl/xk_gauss.h"
+
+namespace xk::hmm {
+
+enum class ForwardTopology { General, LeftRight, Bakis };
+
+// Zero doubles in front of every alpha row, so that the Bakis step may read
+// cur[j-1] and cur[j-2] as whole vectors from j = 0.
+inline constexpr int kAlphaGuard = 4;
+
+// A candidate's transitions as the step reads them. General and left-right:
+// nPad rows of nPad doubles, a[i * nPad + j] = a[i][j], zero where the model
+// has no transition and in the padding. Bakis: three rows of nPad doubles
+// indexed by the target j: a[j][j], a[j-1][j], a[j-2][j] (zero where the
+// source does not exist and in the padding).
+struct ForwardModel {
+  ForwardTopology topology = ForwardTopology::General;
+  int n = 0, nPad = 0;
+  const double *a = nullptr;
+};
+
+// The (S, scale count) pair of a scored sequence: its probability is
+// S x 2^-scaleCount.
+struct ForwardScore {
+  double S = 0.0;
+  int scaleCount = 0;
+};
+
+// -log10 of the probability: scaleCount x log10(2) - log10(2) x log2(S).
+double forwardCost(const ForwardScore &score);
+
+// One block of scratch for a whole call: the widened transitions, two alpha
+// rows and a row of continuous output probabilities. Grown only when a
+// candidate needs more; freed with the object.
+class ForwardScratch {
+ public:
+  ForwardScratch() = default;
+  ForwardScratch(const ForwardScratch &) = delete;
+  ForwardScratch &operator=(const ForwardScratch &) = delete;
+  ~ForwardScratch();
+
+  // Lays the block out for a model of n states; false when memory fails.
+  bool reserve(ForwardTopology topology, int n);
+
+  double *transitions() const { return trans_; }
+  double *alpha(int k) const { return alpha_[k]; }  // k = 0, 1; kAlphaGuard zeros before each
+  double *outputs() const { return out_; }           // nPad doubles
+
+ private:
+  void *block_ = nullptr;
+  std::size_t capacity_ = 0;
+  double *trans_ = nullptr, *alpha_[2] = {nullptr, nullptr}, *out_ = nullptr;
+};
+
+// Widens the exponential packed transitions of an n-state model (row-major
+// general, row-wise left-right, Bakis triples) into scratch.transitions().
+ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed, ForwardScratch &scratch);
+
+// One frame: next[j] = (sum over predecessors i of cur[i] a[i][j]) x b[j]
+// for every j < nPad (the padding lanes come out zero because the model's
+// padding is zero); returns S = sum of next[j], added on four lanes
+// (j mod 4) combined as (0 + 2) + (1 + 3). b is a float row padded to nPad
+// (discrete outputs) or a double row (continuous).
+double forwardStep(const ForwardModel &m, const double *cur, double *next, const float *b);
+double forwardStep(const ForwardModel &m, const double *cur, double *next, const double *b);
+
+// The rescaling check after frame t >= 1: false for a negative, zero,
+// subnormal, overflowing or NaN S. Otherwise, when S leaves the exponent
+// window 895..1151 or the frame is the last one, multiplies alpha[0..nPad)
+// and S by the exact power of two that brings S to [1, 2) (at most 2^256)
+// and adds its exponent to *scaleCount.
+bool forwardRescale(double *alpha, int nPad, double *S, int *scaleCount, bool lastFrame);
+
+// Whole passes over one model. Discrete: outRows[k] is the float output row
+// of symbol k (nPad entries), initial the float initial vector; a symbol
+// outside 0..nSymbols-1 fails. Continuous: mixtures[j] is state j's Gauss
+// mixture, evaluated on obs[t] with nQuant values. False on any failure of
+// the rescaling check; *score then is unspecified.
+bool forwardDiscrete(const ForwardModel &m, const float *const *outRows, int nSymbols, const float *initial,
+                     const int *obs, int nFrames, ForwardScratch &scratch, ForwardScore *score);
+bool forwardContinuous(const ForwardModel &m, GaussMixServer *const *mixtures, int nQuant, const float *initial,
+                       const float *const *obs, int nFrames, ForwardScratch &scratch, ForwardScore *score);
+
+// Switch between the AVX2 and portable steps (tests, benchmarks); the AVX2
+// step runs only when the processor has it.
+void setForwardSimd(bool on);
+bool forwardSimdActive();
+
+}  // namespace xk::hmm
