@@ -40,6 +40,13 @@ int transitionDoubles(ForwardTopology topology, int nPad) {
   return topology == ForwardTopology::Bakis ? 3 * nPad : nPad * nPad;
 }
 
+// True when S needs neither a check failure nor a rescaling: positive,
+// exponent field in 895..1151, and not the last frame.
+inline bool inWindow(double S, bool lastFrame) {
+  const std::uint64_t e = std::bit_cast<std::uint64_t>(S) >> 52;  // sign and exponent
+  return e - 895 <= 1151 - 895 && !lastFrame;
+}
+
 // The row sum on four lanes, combined as the AVX2 horizontal add does.
 double laneSum(const double *v, int nPad) {
   double s[4] = {0.0, 0.0, 0.0, 0.0};
@@ -48,6 +55,10 @@ double laneSum(const double *v, int nPad) {
   return (s[0] + s[2]) + (s[1] + s[3]);
 }
 
+// One frame: next[j] = (sum over predecessors i of cur[i] a[i][j]) x b[j]
+// for every j < nPad (the padding lanes come out zero because the model's
+// padding is zero); returns S = sum of next[j]. b is a float row padded to
+// nPad (discrete outputs) or a double row (continuous).
 template <class B>
 double stepPortable(const ForwardModel &m, const double *cur, double *next, const B *b) {
   const int n = m.n, nPad = m.nPad;
@@ -57,16 +68,20 @@ double stepPortable(const ForwardModel &m, const double *cur, double *next, cons
       next[j] = ((cur[j] * d0[j] + cur[j - 1] * d1[j]) + cur[j - 2] * d2[j]) * static_cast<double>(b[j]);
     return laneSum(next, nPad);
   }
-  // Row by row, so that each target still sums its sources in ascending
-  // order while the inner loop runs over contiguous targets.
+  // Row by row, so that each target still sums its even and its odd
+  // sources apart in ascending order while the inner loop runs over
+  // contiguous targets; odd[] is the model's work row.
   const bool leftRight = m.topology == ForwardTopology::LeftRight;
+  double *odd = m.work;
   std::fill(next, next + nPad, 0.0);
+  std::fill(odd, odd + nPad, 0.0);
   for (int i = 0; i < n; ++i) {
     const double x = cur[i];
     const double *row = m.a + static_cast<std::size_t>(i) * nPad;
-    for (int j = leftRight ? i : 0; j < nPad; ++j) next[j] += x * row[j];
+    double *acc = i % 2 ? odd : next;
+    for (int j = leftRight ? i : 0; j < nPad; ++j) acc[j] += x * row[j];
   }
-  for (int j = 0; j < nPad; ++j) next[j] *= static_cast<double>(b[j]);
+  for (int j = 0; j < nPad; ++j) next[j] = (next[j] + odd[j]) * static_cast<double>(b[j]);
   return laneSum(next, nPad);
 }
 
@@ -82,80 +97,121 @@ XKL_AVX2 inline double horizontalSum(__m256d v) {
   return _mm_cvtsd_f64(_mm_add_sd(pair, _mm_unpackhi_pd(pair, pair)));
 }
 
-// Targets jb .. jb + 4K - 1 kept in K registers over the sources 0..iEnd-1.
+// Targets jb .. jb + 4K - 1 kept in 2K registers over the sources
+// 0..iEnd-1: even and odd sources summed apart, which halves the chain of
+// dependent additions that bounds small models.
 template <int K, class B>
 XKL_AVX2 inline void columnBlock(const double *a, int nPad, const double *cur, int iEnd, int jb, double *next,
                                  const B *b, __m256d &sum) {
-  __m256d acc[K];
-  for (int k = 0; k < K; ++k) acc[k] = _mm256_setzero_pd();
+  // The partial sums start from the first even and odd products rather
+  // than from zero (0 + p = p), one addition less on the chain.
+  __m256d even[K], odd[K];
   const double *row = a + jb;
-  for (int i = 0; i < iEnd; ++i, row += nPad) {
-    const __m256d x = _mm256_broadcast_sd(cur + i);
-    for (int k = 0; k < K; ++k) acc[k] = _mm256_add_pd(acc[k], _mm256_mul_pd(x, _mm256_load_pd(row + 4 * k)));
+  {
+    const __m256d x0 = _mm256_broadcast_sd(cur), x1 = _mm256_broadcast_sd(cur + 1);
+    for (int k = 0; k < K; ++k) {
+      even[k] = _mm256_mul_pd(x0, _mm256_load_pd(row + 4 * k));
+      odd[k] = iEnd > 1 ? _mm256_mul_pd(x1, _mm256_load_pd(row + nPad + 4 * k)) : _mm256_setzero_pd();
+    }
+  }
+  int i = 2;
+  row += 2 * nPad;
+  for (; i + 1 < iEnd; i += 2, row += 2 * nPad) {
+    const __m256d x0 = _mm256_broadcast_sd(cur + i), x1 = _mm256_broadcast_sd(cur + i + 1);
+    for (int k = 0; k < K; ++k) {
+      even[k] = _mm256_add_pd(even[k], _mm256_mul_pd(x0, _mm256_load_pd(row + 4 * k)));
+      odd[k] = _mm256_add_pd(odd[k], _mm256_mul_pd(x1, _mm256_load_pd(row + nPad + 4 * k)));
+    }
+  }
+  if (i < iEnd) {
+    const __m256d x0 = _mm256_broadcast_sd(cur + i);
+    for (int k = 0; k < K; ++k) even[k] = _mm256_add_pd(even[k], _mm256_mul_pd(x0, _mm256_load_pd(row + 4 * k)));
   }
   for (int k = 0; k < K; ++k) {
-    const __m256d v = _mm256_mul_pd(acc[k], loadOutputs(b + jb + 4 * k));
+    const __m256d v = _mm256_mul_pd(_mm256_add_pd(even[k], odd[k]), loadOutputs(b + jb + 4 * k));
     _mm256_store_pd(next + jb + 4 * k, v);
     sum = _mm256_add_pd(sum, v);
   }
 }
 
+// Bakis targets j..j+3 from cur[j..], cur[j-1..] and cur[j-2..].
 template <class B>
-XKL_AVX2 double stepAvx2(const ForwardModel &m, const double *cur, double *next, const B *b) {
+XKL_AVX2 inline void bakisTargets(int j, __m256d c0, __m256d c1, __m256d c2, const double *d, int nPad, double *next,
+                                  const B *b, __m256d &sum) {
+  const __m256d p0 = _mm256_mul_pd(c0, _mm256_load_pd(d + j));
+  const __m256d p1 = _mm256_mul_pd(c1, _mm256_load_pd(d + nPad + j));
+  const __m256d p2 = _mm256_mul_pd(c2, _mm256_load_pd(d + 2 * nPad + j));
+  const __m256d v = _mm256_mul_pd(_mm256_add_pd(_mm256_add_pd(p0, p1), p2), loadOutputs(b + j));
+  _mm256_store_pd(next + j, v);
+  sum = _mm256_add_pd(sum, v);
+}
+
+template <class B>
+XKL_AVX2 inline double stepAvx2(const ForwardModel &m, const double *cur, double *next, const B *b) {
   const int n = m.n, nPad = m.nPad;
   __m256d sum = _mm256_setzero_pd();
   if (m.topology == ForwardTopology::Bakis) {
-    const double *d0 = m.a, *d1 = m.a + nPad, *d2 = m.a + 2 * nPad;
+    // cur[j-1..] and cur[j-2..] are built from aligned loads: unaligned
+    // ones would split cache lines and, in small models, straddle vectors
+    // stored a few cycles before, missing store forwarding on the
+    // frame-to-frame chain.
+    __m256d before = _mm256_setzero_pd();  // the guard cells
     for (int j = 0; j < nPad; j += 4) {
-      const __m256d p0 = _mm256_mul_pd(_mm256_load_pd(cur + j), _mm256_load_pd(d0 + j));
-      const __m256d p1 = _mm256_mul_pd(_mm256_loadu_pd(cur + j - 1), _mm256_load_pd(d1 + j));
-      const __m256d p2 = _mm256_mul_pd(_mm256_loadu_pd(cur + j - 2), _mm256_load_pd(d2 + j));
-      const __m256d v = _mm256_mul_pd(_mm256_add_pd(_mm256_add_pd(p0, p1), p2), loadOutputs(b + j));
-      _mm256_store_pd(next + j, v);
-      sum = _mm256_add_pd(sum, v);
+      const __m256d c0 = _mm256_load_pd(cur + j);
+      const __m256d c2 = _mm256_permute2f128_pd(before, c0, 0x21);
+      bakisTargets(j, c0, _mm256_shuffle_pd(c2, c0, 0x5), c2, m.a, nPad, next, b, sum);
+      before = c0;
     }
     return horizontalSum(sum);
   }
   const bool leftRight = m.topology == ForwardTopology::LeftRight;
   auto sources = [&](int jEnd) { return leftRight ? std::min(n, jEnd) : n; };
   int jb = 0;
-  for (; nPad - jb >= 32; jb += 32) columnBlock<8>(m.a, nPad, cur, sources(jb + 32), jb, next, b, sum);
-  if (nPad - jb >= 16) columnBlock<4>(m.a, nPad, cur, sources(jb + 16), jb, next, b, sum), jb += 16;
+  for (; nPad - jb >= 16; jb += 16) columnBlock<4>(m.a, nPad, cur, sources(jb + 16), jb, next, b, sum);
   if (nPad - jb >= 8) columnBlock<2>(m.a, nPad, cur, sources(jb + 8), jb, next, b, sum), jb += 8;
   if (nPad - jb >= 4) columnBlock<1>(m.a, nPad, cur, sources(jb + 4), jb, next, b, sum);
   return horizontalSum(sum);
 }
 
+// The frames after the first, the step inlined into the loop: small
+// models spend most of a frame on its fixed costs.
+template <class B, class Row>
+XKL_AVX2 bool framesAvx2(const ForwardModel &m, int nFrames, double *cur, double *next, double S, Row outputsOf,
+                         ForwardScore *score) {
+  int scaleCount = 0;
+  for (int t = 1; t < nFrames; ++t) {
+    const B *b = outputsOf(t);
+    if (!b) return false;
+    S = stepAvx2(m, cur, next, b);
+    const bool last = t == nFrames - 1;
+    if (!inWindow(S, last) && !forwardRescale(next, m.nPad, &S, &scaleCount, last)) return false;
+    std::swap(cur, next);
+  }
+  *score = {S, scaleCount};
+  return true;
+}
+
 #undef XKL_AVX2
 #endif  // XKL_FORWARD_HAVE_AVX2
-
-template <class B>
-using StepFn = double (*)(const ForwardModel &, const double *, double *, const B *);
-
-template <class B>
-StepFn<B> pickStep() {
-#ifdef XKL_FORWARD_HAVE_AVX2
-  if (forwardSimdActive()) return &stepAvx2<B>;
-#endif
-  return &stepPortable<B>;
-}
 
 // The frames after the first: step, then the rescaling check.
 template <class B, class Row>
 bool runFrames(const ForwardModel &m, int nFrames, ForwardScratch &scratch, double S, Row outputsOf,
                ForwardScore *score) {
-  const StepFn<B> step = pickStep<B>();
   double *cur = scratch.alpha(0), *next = scratch.alpha(1);
+#ifdef XKL_FORWARD_HAVE_AVX2
+  if (forwardSimdActive()) return framesAvx2<B>(m, nFrames, cur, next, S, outputsOf, score);
+#endif
   int scaleCount = 0;
   for (int t = 1; t < nFrames; ++t) {
     const B *b = outputsOf(t);
     if (!b) return false;
-    S = step(m, cur, next, b);
-    if (!forwardRescale(next, m.nPad, &S, &scaleCount, t == nFrames - 1)) return false;
+    S = stepPortable(m, cur, next, b);
+    const bool last = t == nFrames - 1;
+    if (!inWindow(S, last) && !forwardRescale(next, m.nPad, &S, &scaleCount, last)) return false;
     std::swap(cur, next);
   }
-  score->S = S;
-  score->scaleCount = scaleCount;
+  *score = {S, scaleCount};
   return true;
 }
 
@@ -181,7 +237,7 @@ bool ForwardScratch::reserve(ForwardTopology topology, int n) {
   const int nPad = pad4(std::max(n, 1));
   const std::size_t rowBytes = static_cast<std::size_t>(kAlphaGuard + nPad) * sizeof(double);
   const std::size_t transBytes = static_cast<std::size_t>(transitionDoubles(topology, nPad)) * sizeof(double);
-  const std::size_t need = transBytes + 2 * rowBytes + static_cast<std::size_t>(nPad) * sizeof(double);
+  const std::size_t need = transBytes + 2 * rowBytes + 2 * static_cast<std::size_t>(nPad) * sizeof(double);
   if (need > capacity_) {
     void *fresh = ::operator new(need, std::align_val_t{kAlign}, std::nothrow);
     if (!fresh) return false;
@@ -200,6 +256,7 @@ bool ForwardScratch::reserve(ForwardTopology topology, int n) {
   }
   out_ = reinterpret_cast<double *>(p);
   std::fill_n(out_, nPad, 0.0);
+  work_ = out_ + nPad;
   return true;
 }
 
@@ -210,6 +267,7 @@ ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed
   m.nPad = pad4(std::max(n, 1));
   double *a = scratch.transitions();
   m.a = a;
+  m.work = scratch.work();
   const int nPad = m.nPad;
   std::fill_n(a, transitionDoubles(topology, nPad), 0.0);
   switch (topology) {
@@ -232,14 +290,6 @@ ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed
       break;
   }
   return m;
-}
-
-double forwardStep(const ForwardModel &m, const double *cur, double *next, const float *b) {
-  return pickStep<float>()(m, cur, next, b);
-}
-
-double forwardStep(const ForwardModel &m, const double *cur, double *next, const double *b) {
-  return pickStep<double>()(m, cur, next, b);
 }
 
 bool forwardRescale(double *alpha, int nPad, double *S, int *scaleCount, bool lastFrame) {

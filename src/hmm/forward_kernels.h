@@ -25,6 +25,7 @@ struct ForwardModel {
   ForwardTopology topology = ForwardTopology::General;
   int n = 0, nPad = 0;
   const double *a = nullptr;
+  double *work = nullptr;  // nPad doubles the portable step may overwrite
 };
 
 // The (S, scale count) pair of a scored sequence: its probability is
@@ -38,7 +39,7 @@ struct ForwardScore {
 double forwardCost(const ForwardScore &score);
 
 // One block of scratch for a whole call: the widened transitions, two alpha
-// rows and a row of continuous output probabilities. Grown only when a
+// rows, a row of continuous output probabilities and a work row. Grown only when a
 // candidate needs more; freed with the object.
 class ForwardScratch {
  public:
@@ -53,24 +54,17 @@ class ForwardScratch {
   double *transitions() const { return trans_; }
   double *alpha(int k) const { return alpha_[k]; }  // k = 0, 1; kAlphaGuard zeros before each
   double *outputs() const { return out_; }           // nPad doubles
+  double *work() const { return work_; }              // nPad doubles
 
  private:
   void *block_ = nullptr;
   std::size_t capacity_ = 0;
-  double *trans_ = nullptr, *alpha_[2] = {nullptr, nullptr}, *out_ = nullptr;
+  double *trans_ = nullptr, *alpha_[2] = {nullptr, nullptr}, *out_ = nullptr, *work_ = nullptr;
 };
 
 // Widens the exponential packed transitions of an n-state model (row-major
 // general, row-wise left-right, Bakis triples) into scratch.transitions().
 ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed, ForwardScratch &scratch);
-
-// One frame: next[j] = (sum over predecessors i of cur[i] a[i][j]) x b[j]
-// for every j < nPad (the padding lanes come out zero because the model's
-// padding is zero); returns S = sum of next[j], added on four lanes
-// (j mod 4) combined as (0 + 2) + (1 + 3). b is a float row padded to nPad
-// (discrete outputs) or a double row (continuous).
-double forwardStep(const ForwardModel &m, const double *cur, double *next, const float *b);
-double forwardStep(const ForwardModel &m, const double *cur, double *next, const double *b);
 
 // The rescaling check after frame t >= 1: false for a negative, zero,
 // subnormal, overflowing or NaN S. Otherwise, when S leaves the exponent
