@@ -85,135 +85,53 @@ std::int64_t transEntries(int N, unsigned status) {
   return n * nEven;
 }
 
-// Writes the caller's transitions in the packed order of the topology and
-// representation. Get(i, j) yields the stored value of a[i][j]; pad is the
-// value of padding slots (fixed point only).
-template <class T, class Get>
-void packTransitions(T *out, int N, unsigned status, Get get, T pad, T pad2) {
+// Walks the packed transition order of the topology and representation:
+// slot(k, i, j) for every slot k that holds a[i][j], pad(k, second) for
+// every padding slot of a fixed-point array (second: the stretch-end word
+// of the Bakis form). Packing and unpacking are both this walk.
+template <class Slot, class Pad>
+void forEachSlot(int N, unsigned status, Slot slot, Pad pad) {
   const unsigned topo = status & kTopologyMask;
-  const bool log = isLog(status);
+  const bool log = isLog(status), fl = isFloat(status);
   const bool odd = (N & 1) != 0;
   std::int64_t k = 0;
-  if (isFloat(status)) {
-    if (topo == HMM_SERVER_BAKIS) {
-      if (log) {
-        for (int i = 0; i < N; ++i) out[k++] = get(i, i);
-        for (int i = 0; i + 1 < N; ++i) out[k++] = get(i, i + 1);
-        for (int i = 0; i + 2 < N; ++i) out[k++] = get(i, i + 2);
-        out[k++] = get(N - 1, N - 1);
-      } else {
-        for (int i = 0; i + 2 < N; ++i) {
-          out[k++] = get(i, i);
-          out[k++] = get(i, i + 1);
-          out[k++] = get(i, i + 2);
-        }
-        out[k++] = get(N - 2, N - 2);
-        out[k++] = get(N - 2, N - 1);
-        out[k++] = get(N - 1, N - 1);
-        out[k++] = get(N - 1, N - 1);
-      }
-    } else if (topo == HMM_SERVER_LEFT_RIGHT) {
-      if (log) {
-        for (int j = N - 1; j >= 0; --j)
-          for (int i = 0; i <= j; ++i) out[k++] = get(i, j);
-      } else {
-        for (int i = 0; i < N; ++i)
-          for (int j = i; j < N; ++j) out[k++] = get(i, j);
-      }
-    } else if (log) {
-      for (int j = N - 1; j >= 0; --j)
-        for (int i = 0; i < N; ++i) out[k++] = get(i, j);
-    } else {
-      for (int i = 0; i < N; ++i)
-        for (int j = 0; j < N; ++j) out[k++] = get(i, j);
+  if (topo == HMM_SERVER_BAKIS && fl && log) {
+    for (int i = 0; i < N; ++i) slot(k++, i, i);
+    for (int i = 0; i + 1 < N; ++i) slot(k++, i, i + 1);
+    for (int i = 0; i + 2 < N; ++i) slot(k++, i, i + 2);
+    slot(k++, N - 1, N - 1);
+  } else if (topo == HMM_SERVER_BAKIS && fl) {
+    for (int i = 0; i + 2 < N; ++i) {
+      slot(k++, i, i);
+      slot(k++, i, i + 1);
+      slot(k++, i, i + 2);
     }
-    return;
-  }
-  // Fixed point: 32-bit slots.
-  if (topo == HMM_SERVER_BAKIS) {
-    for (int j = 0; j < N; ++j) out[k++] = get(j, j);
-    if (odd) out[k++] = pad2;
-    out[k++] = pad;
-    for (int j = 1; j < N; ++j) out[k++] = get(j - 1, j);
-    if (odd) out[k++] = pad2;
-    out[k++] = pad;
-    out[k++] = pad;
-    for (int j = 2; j < N; ++j) out[k++] = get(j - 2, j);
-    if (odd) out[k++] = pad2;
+    slot(k++, N - 2, N - 2);
+    slot(k++, N - 2, N - 1);
+    slot(k++, N - 1, N - 1);
+    slot(k++, N - 1, N - 1);
+  } else if (topo == HMM_SERVER_BAKIS) {
+    // Three stretches indexed by the target state, band offsets 0, 1, 2.
+    for (int d = 0; d < 3; ++d) {
+      for (int j = 0; j < d; ++j) pad(k++, false);
+      for (int j = d; j < N; ++j) slot(k++, j - d, j);
+      if (odd) pad(k++, true);
+    }
   } else if (topo == HMM_SERVER_LEFT_RIGHT) {
     if (log) {
       for (int j = N - 1; j >= 0; --j)
-        for (int i = 0; i <= j; ++i) out[k++] = get(i, j);
+        for (int i = 0; i <= j; ++i) slot(k++, i, j);
     } else {
       for (int i = 0; i < N; ++i)
-        for (int j = i; j < N; ++j) out[k++] = get(i, j);
+        for (int j = i; j < N; ++j) slot(k++, i, j);
     }
-    const std::int64_t total = transEntries(N, status);
-    while (k < total) out[k++] = pad;
+    if (!fl)
+      for (const std::int64_t total = transEntries(N, status); k < total;) pad(k++, false);
   } else {
-    for (int s = N - 1, r = 0; r < N; --s, ++r) {
-      // log: stretch r is column j = N-1-r; linear: stretch r is row r.
-      for (int x = 0; x < N; ++x) out[k++] = log ? get(x, s) : get(r, x);
-      if (odd) out[k++] = pad;
-    }
-  }
-}
-
-// Reverse of packTransitions for XKGetHMMProb: calls put(i, j, value) for
-// every stored entry.
-template <class T, class Put>
-void unpackTransitions(const T *in, int N, unsigned status, Put put) {
-  const unsigned topo = status & kTopologyMask;
-  const bool log = isLog(status);
-  const bool odd = (N & 1) != 0;
-  std::int64_t k = 0;
-  if (isFloat(status)) {
-    if (topo == HMM_SERVER_BAKIS) {
-      if (log) {
-        for (int i = 0; i < N; ++i) put(i, i, in[k++]);
-        for (int i = 0; i + 1 < N; ++i) put(i, i + 1, in[k++]);
-        for (int i = 0; i + 2 < N; ++i) put(i, i + 2, in[k++]);
-      } else {
-        for (int i = 0; i + 2 < N; ++i) {
-          put(i, i, in[k++]);
-          put(i, i + 1, in[k++]);
-          put(i, i + 2, in[k++]);
-        }
-        put(N - 2, N - 2, in[k++]);
-        put(N - 2, N - 1, in[k++]);
-        put(N - 1, N - 1, in[k++]);
-      }
-    } else if (topo == HMM_SERVER_LEFT_RIGHT) {
-      if (log) {
-        for (int j = N - 1; j >= 0; --j)
-          for (int i = 0; i <= j; ++i) put(i, j, in[k++]);
-      } else {
-        for (int i = 0; i < N; ++i)
-          for (int j = i; j < N; ++j) put(i, j, in[k++]);
-      }
-    } else {
-      for (int s = N - 1, r = 0; r < N; --s, ++r)
-        for (int x = 0; x < N; ++x) log ? put(x, s, in[k++]) : put(r, x, in[k++]);
-    }
-    return;
-  }
-  if (topo == HMM_SERVER_BAKIS) {
-    const std::int64_t stretch = padEven(N);
-    for (int j = 0; j < N; ++j) put(j, j, in[j]);
-    for (int j = 1; j < N; ++j) put(j - 1, j, in[stretch + j]);
-    for (int j = 2; j < N; ++j) put(j - 2, j, in[2 * stretch + j]);
-  } else if (topo == HMM_SERVER_LEFT_RIGHT) {
-    if (log) {
-      for (int j = N - 1; j >= 0; --j)
-        for (int i = 0; i <= j; ++i) put(i, j, in[k++]);
-    } else {
-      for (int i = 0; i < N; ++i)
-        for (int j = i; j < N; ++j) put(i, j, in[k++]);
-    }
-  } else {
-    for (int s = N - 1, r = 0; r < N; --s, ++r) {
-      for (int x = 0; x < N; ++x) log ? put(x, s, in[k++]) : put(r, x, in[k++]);
-      if (odd) ++k;
+    // log: stretch r is column N-1-r; linear: stretch r is row r.
+    for (int r = 0; r < N; ++r) {
+      for (int x = 0; x < N; ++x) log ? slot(k++, x, N - 1 - r) : slot(k++, r, x);
+      if (odd && !fl) pad(k++, false);
     }
   }
 }
@@ -275,14 +193,15 @@ void *packTransitionArray(void **A, int N, unsigned status) {
     auto *d = static_cast<float *>(block);
     std::fill(d, d + n, kLargest);
     auto **a = reinterpret_cast<float **>(A);
-    packTransitions<float>(d, N, status, [a](int i, int j) { return a[i][j]; }, kLargest, kLargest);
+    forEachSlot(N, status, [=](std::int64_t k, int i, int j) { d[k] = a[i][j]; }, [](std::int64_t, bool) {});
   } else {
     auto *d = static_cast<std::int32_t *>(block);
     const std::int32_t pad = log ? kW32Impossible : 0, pad2 = log ? kW32Pad : 0;
     std::fill(d, d + n, pad);
     auto **a = reinterpret_cast<short **>(A);
-    packTransitions<std::int32_t>(d, N, status, [a, log](int i, int j) { return widen(a[i][j], log); }, pad,
-                                  pad2);
+    forEachSlot(
+        N, status, [=](std::int64_t k, int i, int j) { d[k] = widen(a[i][j], log); },
+        [=](std::int64_t k, bool second) { d[k] = second ? pad2 : pad; });
   }
   return block;
 }
@@ -608,8 +527,8 @@ int XKGetHMMProb(int id, void *pi, void **A, void **B) {
     if (A && s->transitions) {
       auto **a = reinterpret_cast<float **>(A);
       for (int i = 0; i < N; ++i) std::fill(a[i], a[i] + N, none);
-      unpackTransitions(static_cast<const float *>(s->transitions), N, s->status,
-                        [a](int i, int j, float v) { a[i][j] = v; });
+      const auto *t = static_cast<const float *>(s->transitions);
+      forEachSlot(N, s->status, [=](std::int64_t k, int i, int j) { a[i][j] = t[k]; }, [](std::int64_t, bool) {});
     }
     if (B && discrete && s->outputs) {
       auto **rows = static_cast<float **>(s->outputs);
@@ -626,8 +545,9 @@ int XKGetHMMProb(int id, void *pi, void **A, void **B) {
   if (A && s->transitions) {
     auto **a = reinterpret_cast<short **>(A);
     for (int i = 0; i < N; ++i) std::fill(a[i], a[i] + N, none);
-    unpackTransitions(static_cast<const std::int32_t *>(s->transitions), N, s->status,
-                      [a, log](int i, int j, std::int32_t v) { a[i][j] = narrow(v, log); });
+    const auto *t = static_cast<const std::int32_t *>(s->transitions);
+    forEachSlot(N, s->status, [=](std::int64_t k, int i, int j) { a[i][j] = narrow(t[k], log); },
+                [](std::int64_t, bool) {});
   }
   if (B && discrete && s->outputs) {
     auto **rows = static_cast<std::int32_t **>(s->outputs);
