@@ -9,11 +9,13 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "hmm/forward_kernels.h"
 #include "hmm/hmm_internal.h"
 #include "xkl/xk_gauss.h"
+#include "xkl_test_support.h"
 
 namespace {
 
@@ -251,6 +253,136 @@ TEST(HmmForwardKernels, RescalingWindow) {
     EXPECT_EQ(alpha[0], c.after);
     EXPECT_EQ(count, c.count);
   }
+}
+
+// ---- through the public interface: the store packs, the walk chooses ----
+
+struct HmmForwardApi : xkltest::ReportingTest {
+  void TearDown() override {
+    XKHMMFreeAll();
+    xkltest::ReportingTest::TearDown();
+  }
+};
+
+// Caller matrices (row pointers) of a model, and the server made from them.
+struct Caller {
+  std::vector<std::vector<float>> a, b;
+  std::vector<float *> ap, bp;
+  std::vector<float> pi;
+  explicit Caller(const Model &md) : pi(md.pi.begin(), md.pi.end()) {
+    for (int i = 0; i < md.n; ++i) {
+      a.emplace_back(md.a[i].begin(), md.a[i].end());
+      b.emplace_back(md.b[i].begin(), md.b[i].end());
+    }
+    for (int i = 0; i < md.n; ++i) ap.push_back(a[i].data()), bp.push_back(b[i].data());
+  }
+};
+
+int makeServer(const Model &md) {
+  Caller c(md);
+  return XKsInitHMMServer(c.ap.data(), c.bp.data(), c.pi.data(), md.n, md.m, XK_HMM_EXPONENTIAL);
+}
+
+TEST_F(HmmForwardApi, DiscreteServersOfEveryTopologyEqualPathEnumeration) {
+  std::mt19937 rng(13);
+  const unsigned bits[] = {0, HMM_SERVER_LEFT_RIGHT, HMM_SERVER_BAKIS};
+  for (int k = 0; k < 3; ++k) {
+    const Model md = randomModel(kTopologies[k], 4, 6, rng);
+    const int id = makeServer(md);
+    int status = 0;
+    ASSERT_EQ(XKGetHMMParm(id, nullptr, nullptr, nullptr, nullptr, &status), 0);
+    ASSERT_EQ(status & (HMM_SERVER_LEFT_RIGHT | HMM_SERVER_BAKIS), static_cast<int>(bits[k]));
+    for (int T : {1, 6}) {
+      const auto obs = randomObs(T, 6, rng);
+      int best = -1;
+      const float cost = XKsEvalHMMForward(id, obs.data(), T, &best);
+      EXPECT_NEAR(cost, bruteForceCost(md, discreteOutputs(md, obs)), 1e-6 * (1 + cost)) << k << " T=" << T;
+      EXPECT_EQ(best, id);
+    }
+  }
+}
+
+// Each state's density is a two-component diagonal mixture, written out in
+// double here: sum_m w_m exp(-0.5 sum_d (x_d - mu_md)^2 iv_md).
+TEST_F(HmmForwardApi, ContinuousServerEqualsPathEnumeration) {
+  constexpr int kN = 3, kDim = 2, kMix = 2, kT = 5;
+  std::mt19937 rng(17);
+  std::uniform_real_distribution<float> u(-1.0f, 1.0f), pos(0.5f, 2.0f);
+  Model md = randomModel(ForwardTopology::General, kN, 1, rng);
+  float w[kN][kMix], mu[kN][kMix][kDim], iv[kN][kMix][kDim];
+  std::vector<mixture_description *> mix;
+  for (int j = 0; j < kN; ++j) {
+    float *means[kMix], *inv[kMix];
+    for (int m = 0; m < kMix; ++m) {
+      w[j][m] = m ? 0.3f : 0.7f;
+      for (int d = 0; d < kDim; ++d) mu[j][m][d] = u(rng), iv[j][m][d] = pos(rng);
+      means[m] = mu[j][m], inv[m] = iv[j][m];
+    }
+    mix.push_back(XKsInitGaussMixServer(w[j], means, nullptr, inv, kDim, kMix, 0));
+  }
+  Caller c(md);
+  const int id = XKsInitContHMMServer(c.ap.data(), c.pi.data(), mix.data(), kN, kDim, XK_HMM_EXPONENTIAL);
+  for (auto *g : mix) XKsFreeGaussMixServer(g);
+  ASSERT_GT(id, 0);
+
+  std::vector<std::vector<float>> frames(kT, std::vector<float>(kDim));
+  std::vector<const float *> obs;
+  std::vector<std::vector<double>> bt(kT, std::vector<double>(kN));
+  for (int t = 0; t < kT; ++t) {
+    for (float &x : frames[t]) x = u(rng);
+    obs.push_back(frames[t].data());
+    for (int j = 0; j < kN; ++j)
+      for (int m = 0; m < kMix; ++m) {
+        double q = 0;
+        for (int d = 0; d < kDim; ++d) q += (frames[t][d] - mu[j][m][d]) * (frames[t][d] - mu[j][m][d]) * iv[j][m][d];
+        bt[t][j] += w[j][m] * std::exp(-0.5 * q);
+      }
+  }
+  int best = -1;
+  const float cost = XKsEvalContHMMForward(id, obs.data(), kT, &best);
+  // The mixtures are evaluated in float: a relative error near 1e-6 per
+  // density, five frames.
+  EXPECT_NEAR(cost, bruteForceCost(md, bt), 1e-5);
+  EXPECT_EQ(best, id);
+}
+
+// The walk over a class: of equal members the lower id wins, a more
+// probable later member replaces it, and a zero-probability member fails
+// the whole call.
+TEST_F(HmmForwardApi, ClassRules) {
+  std::mt19937 rng(19);
+  const Model base = randomModel(ForwardTopology::General, 3, 4, rng);
+  Model better = base, dead = base;
+  for (int j = 0; j < 3; ++j) better.b[j][2] = 1.0, dead.b[j][2] = 0.0;  // symbol 2: certain / impossible
+  const std::vector<int> obs = {0, 2, 1, 2, 3};
+  const int T = static_cast<int>(obs.size());
+  const int a = makeServer(base), b = makeServer(base), c = makeServer(better), d = makeServer(dead);
+  int best = -1;
+  const float single = XKsEvalHMMForward(a, obs.data(), T, &best);
+
+  const struct { std::vector<int> members; int winner; bool fails; } cases[] = {
+      {{b, a}, a, false},
+      {{a, c}, c, false},
+      {{a, d, c}, 0, true},
+  };
+  for (const auto &k : cases) {
+    const int cls = XKCreateHMMClass();
+    for (int id : k.members) ASSERT_EQ(XKAddHMMToClass(cls, id), 1);
+    const float cost = XKsEvalHMMForward(-cls, obs.data(), T, &best);
+    if (k.fails) {
+      EXPECT_EQ(cost, kBig);
+    } else {
+      EXPECT_EQ(best, k.winner);
+      EXPECT_EQ(cost, XKsEvalHMMForward(k.winner, obs.data(), T, nullptr));
+    }
+    XKDeleteHMMClass(cls);
+  }
+  EXPECT_EQ(XKsEvalHMMForward(a, obs.data(), T, &best), single);
+  EXPECT_EQ(XKsEvalHMMForward(-99, obs.data(), T, &best), kBig);
+  EXPECT_EQ(best, 0);
+  float onAnotherThread = 0;
+  std::thread([&] { onAnotherThread = XKsEvalHMMForward(a, obs.data(), T, nullptr); }).join();
+  EXPECT_EQ(onAnotherThread, kBig);
 }
 
 }  // namespace
