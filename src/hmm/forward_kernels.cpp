@@ -3,7 +3,7 @@
 // sequence.
 //
 // Both step forms add the same products in the same order (ascending source
-// state for every target, then the row sum on four lanes), and neither uses
+// state for every target, then the row sum on eight lanes), and neither uses
 // fused multiply-add, so they give the same bits. The widened transitions
 // are zero wherever the model has no arc; the AVX2 form may therefore run a
 // column block over a few sources past the diagonal of a left-right model,
@@ -47,11 +47,13 @@ inline bool inWindow(double S, bool lastFrame) {
   return e - 895 <= 1151 - 895 && !lastFrame;
 }
 
-// The row sum on four lanes, combined as the AVX2 horizontal add does.
+// The row sum on eight lanes (j mod 8), as the AVX2 step adds it in two
+// registers so that the additions do not form one long chain; combined as
+// lanes l + (l + 4), then (0 + 2) + (1 + 3).
 double laneSum(const double *v, int nPad) {
-  double s[4] = {0.0, 0.0, 0.0, 0.0};
-  for (int j = 0; j < nPad; j += 4)
-    for (int l = 0; l < 4; ++l) s[l] += v[j + l];
+  double s[8] = {};
+  for (int j = 0; j < nPad; ++j) s[j & 7] += v[j];
+  for (int l = 0; l < 4; ++l) s[l] += s[l + 4];
   return (s[0] + s[2]) + (s[1] + s[3]);
 }
 
@@ -92,7 +94,8 @@ double stepPortable(const ForwardModel &m, const double *cur, double *next, cons
 XKL_AVX2 inline __m256d loadOutputs(const float *b) { return _mm256_cvtps_pd(_mm_loadu_ps(b)); }
 XKL_AVX2 inline __m256d loadOutputs(const double *b) { return _mm256_loadu_pd(b); }
 
-XKL_AVX2 inline double horizontalSum(__m256d v) {
+XKL_AVX2 inline double horizontalSum(const __m256d sum[2]) {
+  const __m256d v = _mm256_add_pd(sum[0], sum[1]);
   const __m128d pair = _mm_add_pd(_mm256_castpd256_pd128(v), _mm256_extractf128_pd(v, 1));
   return _mm_cvtsd_f64(_mm_add_sd(pair, _mm_unpackhi_pd(pair, pair)));
 }
@@ -102,7 +105,7 @@ XKL_AVX2 inline double horizontalSum(__m256d v) {
 // dependent additions that bounds small models.
 template <int K, class B>
 XKL_AVX2 inline void columnBlock(const double *a, int nPad, const double *cur, int iEnd, int jb, double *next,
-                                 const B *b, __m256d &sum) {
+                                 const B *b, __m256d sum[2]) {
   // The partial sums start from the first even and odd products rather
   // than from zero (0 + p = p), one addition less on the chain.
   __m256d even[K], odd[K];
@@ -130,7 +133,7 @@ XKL_AVX2 inline void columnBlock(const double *a, int nPad, const double *cur, i
   for (int k = 0; k < K; ++k) {
     const __m256d v = _mm256_mul_pd(_mm256_add_pd(even[k], odd[k]), loadOutputs(b + jb + 4 * k));
     _mm256_store_pd(next + jb + 4 * k, v);
-    sum = _mm256_add_pd(sum, v);
+    sum[k & 1] = _mm256_add_pd(sum[k & 1], v);  // jb is a multiple of 8
   }
 }
 
@@ -149,7 +152,7 @@ XKL_AVX2 inline void bakisTargets(int j, __m256d c0, __m256d c1, __m256d c2, con
 template <class B>
 XKL_AVX2 inline double stepAvx2(const ForwardModel &m, const double *cur, double *next, const B *b) {
   const int n = m.n, nPad = m.nPad;
-  __m256d sum = _mm256_setzero_pd();
+  __m256d sum[2] = {_mm256_setzero_pd(), _mm256_setzero_pd()};
   if (m.topology == ForwardTopology::Bakis) {
     // cur[j-1..] and cur[j-2..] are built from aligned loads: unaligned
     // ones would split cache lines and, in small models, straddle vectors
@@ -159,8 +162,13 @@ XKL_AVX2 inline double stepAvx2(const ForwardModel &m, const double *cur, double
     for (int j = 0; j < nPad; j += 4) {
       const __m256d c0 = _mm256_load_pd(cur + j);
       const __m256d c2 = _mm256_permute2f128_pd(before, c0, 0x21);
-      bakisTargets(j, c0, _mm256_shuffle_pd(c2, c0, 0x5), c2, m.a, nPad, next, b, sum);
+      bakisTargets(j, c0, _mm256_shuffle_pd(c2, c0, 0x5), c2, m.a, nPad, next, b, sum[0]);
       before = c0;
+      if ((j += 4) == nPad) break;
+      const __m256d c4 = _mm256_load_pd(cur + j);
+      const __m256d c6 = _mm256_permute2f128_pd(before, c4, 0x21);
+      bakisTargets(j, c4, _mm256_shuffle_pd(c6, c4, 0x5), c6, m.a, nPad, next, b, sum[1]);
+      before = c4;
     }
     return horizontalSum(sum);
   }
