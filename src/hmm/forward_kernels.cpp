@@ -2,9 +2,10 @@
 // portable and an AVX2 form, the power-of-two rescaling and the pass over a
 // sequence.
 //
-// Both step forms add the same products in the same order (ascending source
-// state for every target, then the row sum on eight lanes), and neither uses
-// fused multiply-add, so they give the same bits. The widened transitions
+// Both step forms add the same products in the same order (for every
+// target the even and the odd sources apart, each in ascending order, then
+// the row sum on eight lanes), and neither uses fused multiply-add, so they
+// give the same bits. The widened transitions
 // are zero wherever the model has no arc; the AVX2 form may therefore run a
 // column block over a few sources past the diagonal of a left-right model,
 // adding exact zeros that change nothing.
@@ -15,7 +16,6 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -150,7 +150,7 @@ XKL_AVX2 inline void bakisTargets(int j, __m256d c0, __m256d c1, __m256d c2, con
 }
 
 template <class B>
-XKL_AVX2 inline double stepAvx2(const ForwardModel &m, const double *cur, double *next, const B *b) {
+XKL_AVX2 __attribute__((always_inline)) inline double stepAvx2(const ForwardModel &m, const double *cur, double *next, const B *b) {
   const int n = m.n, nPad = m.nPad;
   __m256d sum[2] = {_mm256_setzero_pd(), _mm256_setzero_pd()};
   if (m.topology == ForwardTopology::Bakis) {
