@@ -51,10 +51,14 @@ inline bool inWindow(double S, bool lastFrame) {
 // registers so that the additions do not form one long chain; combined as
 // lanes l + (l + 4), then (0 + 2) + (1 + 3).
 double laneSum(const double *v, int nPad) {
-  double s[8] = {};
-  for (int j = 0; j < nPad; ++j) s[j & 7] += v[j];
-  for (int l = 0; l < 4; ++l) s[l] += s[l + 4];
-  return (s[0] + s[2]) + (s[1] + s[3]);
+  double lo[4] = {}, hi[4] = {};
+  for (int j = 0; j < nPad; j += 8) {
+    for (int l = 0; l < 4; ++l) lo[l] += v[j + l];
+    if (j + 4 < nPad)
+      for (int l = 0; l < 4; ++l) hi[l] += v[j + 4 + l];
+  }
+  for (int l = 0; l < 4; ++l) lo[l] += hi[l];
+  return (lo[0] + lo[2]) + (lo[1] + lo[3]);
 }
 
 // One frame: next[j] = (sum over predecessors i of cur[i] a[i][j]) x b[j]
