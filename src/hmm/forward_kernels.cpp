@@ -50,7 +50,7 @@ inline bool inWindow(double S, bool lastFrame) {
 // The row sum on eight lanes (j mod 8), as the AVX2 step adds it in two
 // registers so that the additions do not form one long chain; combined as
 // lanes l + (l + 4), then (0 + 2) + (1 + 3).
-double laneSum(const double *v, int nPad) {
+inline double laneSum(const double *v, int nPad) {
   double lo[4] = {}, hi[4] = {};
   for (int j = 0; j < nPad; j += 8) {
     for (int l = 0; l < 4; ++l) lo[l] += v[j + l];
