@@ -36,8 +36,9 @@ std::atomic<bool> simdOff{false};
 constexpr double kLog10Of2 = 0.3010299956639812;
 constexpr std::size_t kAlign = 32;
 
-int transitionDoubles(ForwardTopology topology, int nPad) {
-  return topology == ForwardTopology::Bakis ? 3 * nPad : nPad * nPad;
+std::size_t transitionDoubles(ForwardTopology topology, int nPad) {
+  const std::size_t p = static_cast<std::size_t>(nPad);
+  return topology == ForwardTopology::Bakis ? 3 * p : p * p;
 }
 
 // True when S needs neither a check failure nor a rescaling: positive,
@@ -248,7 +249,7 @@ ForwardScratch::~ForwardScratch() {
 bool ForwardScratch::reserve(ForwardTopology topology, int n) {
   const int nPad = pad4(std::max(n, 1));
   const std::size_t rowBytes = static_cast<std::size_t>(kAlphaGuard + nPad) * sizeof(double);
-  const std::size_t transBytes = static_cast<std::size_t>(transitionDoubles(topology, nPad)) * sizeof(double);
+  const std::size_t transBytes = transitionDoubles(topology, nPad) * sizeof(double);
   const std::size_t need = transBytes + 2 * rowBytes + 2 * static_cast<std::size_t>(nPad) * sizeof(double);
   if (need > capacity_) {
     void *fresh = ::operator new(need, std::align_val_t{kAlign}, std::nothrow);
@@ -285,11 +286,11 @@ ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed
   switch (topology) {
     case ForwardTopology::General:
       for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) a[i * nPad + j] = packed[i * n + j];
+        for (int j = 0; j < n; ++j) a[std::size_t(i) * nPad + j] = packed[std::size_t(i) * n + j];
       break;
     case ForwardTopology::LeftRight:
       for (int i = 0; i < n; ++i)
-        for (int j = i; j < n; ++j) a[i * nPad + j] = *packed++;
+        for (int j = i; j < n; ++j) a[std::size_t(i) * nPad + j] = *packed++;
       break;
     case ForwardTopology::Bakis:
       // Triples (a[i][i], a[i][i+1], a[i][i+2]) from offset 3i; the tail

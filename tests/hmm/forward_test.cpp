@@ -302,7 +302,10 @@ TEST_F(HmmForward, ClassRules) {
   for (int j = 0; j < 3; ++j) better.b[j][2] = 1.0, dead.b[j][2] = 0.0;  // symbol 2: certain / impossible
   const int obs[] = {0, 2, 1, 2, 3}, T = 5;
   const int a = makeServer(base), b = makeServer(base), c = makeServer(better), d = makeServer(dead);
-  const struct { std::vector<int> members; int winner; } cases[] = {{{b, a}, a}, {{a, c}, c}, {{a, d, c}, 0}};
+  const int e = makeServer(randomModel(ForwardTopology::Bakis, 40, 4, rng));  // the scratch grows for it
+  const int ae = XKsEvalHMMForward(a, obs, T, nullptr) < XKsEvalHMMForward(e, obs, T, nullptr) ? a : e;
+  const struct { std::vector<int> members; int winner; } cases[] = {
+      {{b, a}, a}, {{a, c}, c}, {{a, e}, ae}, {{a, d, c}, 0}};
   for (const auto &k : cases) {
     const int cls = XKCreateHMMClass();
     for (int id : k.members) ASSERT_EQ(XKAddHMMToClass(cls, id), 1);
