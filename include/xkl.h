@@ -12,6 +12,7 @@
 #include "xkl/xk_vq.h"
 #include "xkl/xk_dtw.h"
 #include "xkl/xk_gauss.h"
+#include "xkl/xk_hmm.h"
 #include "xkl/xkl_status.h"
 #include "xkl/xkl_frontend.h"
 

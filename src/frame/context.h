@@ -43,10 +43,18 @@ struct XKContext {
     int dctLen;
   } ceps;
 
-  // Head of the thread's list of HMM servers (and the class table).
+  // HMM tables (owned by src/hmm): the circular server list with its id-0
+  // sentinel and insertion cursor, the circular class list with its
+  // sentinel, their counts, the flag word (bit 24 tables made, bits 26/27
+  // the mode) and the fast-kernel switch (on while kernelLayoutOff is 0).
   struct {
-    void *serverList;
-    void *classList;
+    void *servers;
+    void *cursor;
+    int serverCount;
+    void *classes;
+    int classCount;
+    unsigned flags;
+    int kernelLayoutOff;
   } hmm;
 
   // Forward-evaluation scratch.
