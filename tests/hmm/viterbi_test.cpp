@@ -1,11 +1,13 @@
 // Viterbi evaluation against independent references: brute-force
 // enumeration of every state path (tiny models) and a plain log-space
-// dynamic programme in double over the full matrices (larger ones), on
-// transition arrays packed by hand from the layout description; the
-// fixed-point logarithm against log(); the vector steps against the
-// portable ones.
+// dynamic programme in double over the full matrices (larger ones), for
+// servers made through the public creators; mixture densities written out
+// in double for the continuous forms; the fixed-point logarithm against
+// log(); the vector steps against the portable ones.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -14,7 +16,8 @@
 
 #include "hmm/fixlog.h"
 #include "hmm/viterbi_kernels.h"
-#include "xkl/kfx.h"
+#include "xkl.h"
+#include "xkl_test_support.h"
 
 namespace {
 
@@ -108,74 +111,56 @@ double logSpaceDp(const Hmm<T> &h, const std::vector<int> &obs) {
   return *std::min_element(d.begin(), d.end());
 }
 
-// A kfxMalloc block (32-byte aligned), freed with the object.
+// Caller matrices with their row pointers.
 template <class T>
-struct Block {
-  T *p;
-  explicit Block(std::size_t n, T fill) : p(static_cast<T *>(kfxMalloc(static_cast<int>(n * sizeof(T))))) {
-    std::fill(p, p + n, fill);
+struct Rows {
+  std::vector<std::vector<T>> data;
+  std::vector<T *> ptr;
+  explicit Rows(std::vector<std::vector<T>> d) : data(std::move(d)) {
+    for (auto &r : data) ptr.push_back(r.data());
   }
-  ~Block() { kfxFree(p); }
-  Block(const Block &) = delete;
+  T **p() { return ptr.data(); }
 };
 
-// The store's packed arrays of a model, written out from the layout
-// description: float logarithmic and 16-bit widened to 32-bit slots.
-template <class T>
-struct Packed {
-  using Slot = std::conditional_t<std::is_same_v<T, float>, float, std::int32_t>;
-  std::vector<Slot> trans, initial, outputs;  // outputs: m rows of `rowLen`
-  int rowLen = 0;
-  std::vector<const Slot *> rows;
-
-  explicit Packed(const Hmm<T> &h) {
-    const bool f = std::is_same_v<T, float>;
-    const int n = h.n, even = (n + 1) & ~1;
-    const Slot pad = f ? Slot(kBig) : Slot(kWImp);
-    auto w = [&](T v) { return f ? Slot(v) : Slot(num(v)); };
-    switch (h.topology) {
-      case Topology::General:
-        for (int j = n - 1; j >= 0; --j) {
-          for (int i = 0; i < n; ++i) trans.push_back(w(h.a[i][j]));
-          if (!f && n % 2) trans.push_back(pad);
-        }
-        break;
-      case Topology::LeftRight:
-        for (int j = n - 1; j >= 0; --j)
-          for (int i = 0; i <= j; ++i) trans.push_back(w(h.a[i][j]));
-        break;
-      case Topology::Bakis:
-        if (f) {
-          for (int i = 0; i < n; ++i) trans.push_back(w(h.a[i][i]));
-          for (int i = 0; i + 1 < n; ++i) trans.push_back(w(h.a[i][i + 1]));
-          for (int i = 0; i + 2 < n; ++i) trans.push_back(w(h.a[i][i + 2]));
-          trans.push_back(w(h.a[n - 1][n - 1]));
-        } else {
-          for (int d = 0; d < 3; ++d)
-            for (int j = 0; j < even; ++j)
-              trans.push_back(j >= n ? Slot(0x1FFFFFFF) : j < d ? pad : w(h.a[j - d][j]));
-        }
-        break;
-    }
-    trans.insert(trans.end(), xk::hmm::kTransSlack, f ? Slot(kBig) : Slot(0x1FFFFFFF));
-    rowLen = f ? (n + 3) & ~3 : even;
-    for (int i = 0; i < rowLen; ++i) initial.push_back(i < n ? w(h.pi[i]) : pad);
-    for (int k = 0; k < h.m; ++k)
-      for (int i = 0; i < rowLen; ++i) outputs.push_back(i < n ? w(h.b[i][k]) : pad);
-    for (int k = 0; k < h.m; ++k) rows.push_back(outputs.data() + k * rowLen);
+struct Freed : xkltest::ReportingTest {
+  void TearDown() override {
+    XKHMMFreeAll();
+    xkltest::ReportingTest::TearDown();
   }
-  Model<Slot> model(Topology t, int n) const { return {trans.data(), initial.data(), n, t}; }
 };
 
-// Runs the kernels on the hand-packed model.
+// Creates the server through the public creator; the topology the store
+// detected replaces the generator's (a random band may lose its only
+// long skip), since arcs outside it have no slot.
 template <class T>
-auto kernelCost(const Hmm<T> &h, const std::vector<int> &obs) {
-  Packed<T> p(h);
-  using Slot = typename Packed<T>::Slot;
-  const int stride = xk::hmm::rowStride(h.n);
-  Block<Slot> rows(2 * stride, xk::hmm::rowPad<Slot>());
-  return xk::hmm::runViterbi(p.model(h.topology, h.n), static_cast<int>(obs.size()), rows.p + xk::hmm::kRowGuard,
-                             rows.p + stride + xk::hmm::kRowGuard, [&](int t) { return p.rows[obs[t]]; });
+int create(Hmm<T> &h) {
+  Rows<T> a(h.a), b(h.b);
+  const int id = std::is_same_v<T, float>
+                     ? XKsInitHMMServer(reinterpret_cast<float **>(a.p()), reinterpret_cast<float **>(b.p()),
+                                        reinterpret_cast<float *>(h.pi.data()), h.n, h.m, XK_HMM_LOGARITHMIC)
+                     : XKwInitHMMServer(reinterpret_cast<short **>(a.p()), reinterpret_cast<short **>(b.p()),
+                                        reinterpret_cast<short *>(h.pi.data()), h.n, h.m, XK_HMM_LOGARITHMIC);
+  int status = 0;
+  XKGetHMMParm(id, nullptr, nullptr, nullptr, nullptr, &status);
+  h.topology = xk::hmm::topologyOf(static_cast<unsigned>(status));
+  return id;
+}
+
+float evaluate(int id, const std::vector<int> &obs, float, int *best = nullptr) {
+  return XKsEvalHMMViterbi(id, obs.data(), static_cast<int>(obs.size()), best);
+}
+std::int32_t evaluate(int id, const std::vector<int> &obs, short, int *best = nullptr) {
+  return XKwEvalHMMViterbi(id, obs.data(), static_cast<int>(obs.size()), best, 0, nullptr);
+}
+
+// Creates, scores and frees one server.
+template <class T>
+auto apiCost(Hmm<T> &h, const std::vector<int> &obs) {
+  const int id = create(h);
+  EXPECT_GT(id, 0);
+  const auto c = evaluate(id, obs, T{});
+  XKFreeHMMServer(id);
+  return c;
 }
 
 std::vector<int> randomObs(int T, int m, std::mt19937 &rng) {
@@ -198,10 +183,16 @@ void expectFloatCost(float got, double ref, int T) {
 
 const Topology kTopologies[] = {Topology::General, Topology::LeftRight, Topology::Bakis};
 
-class ViterbiPaths : public ::testing::TestWithParam<bool> {
+class ViterbiPaths : public Freed, public ::testing::WithParamInterface<bool> {
  protected:
-  void SetUp() override { xk::hmm::setViterbiSimd(GetParam()); }
-  void TearDown() override { xk::hmm::setViterbiSimd(true); }
+  void SetUp() override {
+    Freed::SetUp();
+    xk::hmm::setViterbiSimd(GetParam());
+  }
+  void TearDown() override {
+    xk::hmm::setViterbiSimd(true);
+    Freed::TearDown();
+  }
 };
 
 // Every topology, both representations, n <= 4, T <= 6 (Bakis needs n >= 3).
@@ -213,10 +204,12 @@ TEST_P(ViterbiPaths, KernelsEqualBruteForceOnTinyModels) {
         for (int rep = 0; rep < 3; ++rep) {
           SCOPED_TRACE(::testing::Message() << "topology " << int(topo) << " n " << n << " T " << T);
           const auto obs = randomObs(T, 5, rng);
-          const auto hs = randomHmm<float>(n, 5, topo, rng);
-          expectFloatCost(kernelCost(hs, obs), bruteForce(hs, obs), T);
-          const auto hw = randomHmm<short>(n, 5, topo, rng);
-          EXPECT_EQ(kernelCost(hw, obs), static_cast<std::int32_t>(bruteForce(hw, obs)));
+          auto hs = randomHmm<float>(n, 5, topo, rng);
+          const float cs = apiCost(hs, obs);
+          expectFloatCost(cs, bruteForce(hs, obs), T);
+          auto hw = randomHmm<short>(n, 5, topo, rng);
+          const std::int32_t cw = apiCost(hw, obs);
+          EXPECT_EQ(cw, static_cast<std::int32_t>(bruteForce(hw, obs)));
         }
 }
 
@@ -231,10 +224,12 @@ TEST_P(ViterbiPaths, KernelsEqualLogSpaceRecursionOnLargerModels) {
       for (int T : {2, 97, 1000}) {
         SCOPED_TRACE(::testing::Message() << "topology " << int(topo) << " n " << n << " T " << T);
         const auto obs = randomObs(T, 16, rng);
-        const auto hs = randomHmm<float>(n, 16, topo, rng, 2);
-        expectFloatCost(kernelCost(hs, obs), logSpaceDp(hs, obs), T);
-        const auto hw = randomHmm<short>(n, 16, topo, rng, 2);
-        EXPECT_EQ(kernelCost(hw, obs), static_cast<std::int32_t>(logSpaceDp(hw, obs)));
+        auto hs = randomHmm<float>(n, 16, topo, rng, 2);
+        const float cs = apiCost(hs, obs);
+        expectFloatCost(cs, logSpaceDp(hs, obs), T);
+        auto hw = randomHmm<short>(n, 16, topo, rng, 2);
+        const std::int32_t cw = apiCost(hw, obs);
+        EXPECT_EQ(cw, static_cast<std::int32_t>(logSpaceDp(hw, obs)));
       }
 }
 
@@ -242,7 +237,7 @@ INSTANTIATE_TEST_SUITE_P(PortableAndVector, ViterbiPaths, ::testing::Values(fals
 
 // The vector steps give the portable results bit for bit, including rows
 // where every predecessor is impossible (sums that overflow to inf).
-TEST(ViterbiKernels, VectorStepsEqualPortableBitForBit) {
+TEST_F(Freed, VectorStepsEqualPortableBitForBit) {
   if (!xk::hmm::viterbiSimdActive()) GTEST_SKIP() << "no AVX2";
   std::mt19937 rng(3);
   for (Topology topo : kTopologies)
@@ -251,12 +246,174 @@ TEST(ViterbiKernels, VectorStepsEqualPortableBitForBit) {
       if (n % 5 == 0)
         for (int i = 0; i < n; ++i) h.a[i][n / 2] = kBig;  // an unreachable state
       const auto obs = randomObs(60, 8, rng);
+      const int id = create(h);
       xk::hmm::setViterbiSimd(false);
-      const float portable = kernelCost(h, obs);
+      const float portable = evaluate(id, obs, 0.0f);
       xk::hmm::setViterbiSimd(true);
-      const float vector = kernelCost(h, obs);
+      const float vector = evaluate(id, obs, 0.0f);
+      XKFreeHMMServer(id);
       EXPECT_EQ(std::bit_cast<std::uint32_t>(portable), std::bit_cast<std::uint32_t>(vector)) << "n " << n;
     }
+}
+
+// A class scores every member; equal costs go to the later member.
+TEST_F(Freed, ClassesPickTheLeastCostAndTheLaterMemberOnTies) {
+  std::mt19937 rng(9);
+  auto h = randomHmm<float>(4, 6, Topology::General, rng);
+  auto other = randomHmm<float>(4, 6, Topology::General, rng);
+  auto hw = randomHmm<short>(4, 6, Topology::General, rng);
+  const std::vector<int> obs = randomObs(20, 6, rng);
+  const int a = create(h), b = create(other), c = create(h);
+  const int wa = create(hw), wb = create(hw);
+  const int cls = XKCreateHMMClass(), wcls = XKCreateHMMClass();
+  for (int id : {c, a, b}) ASSERT_EQ(XKAddHMMToClass(cls, id), 1);
+  for (int id : {wb, wa}) ASSERT_EQ(XKAddHMMToClass(wcls, id), 1);
+  const float ca = evaluate(a, obs, 0.0f), cb = evaluate(b, obs, 0.0f);
+  int best = -1;
+  EXPECT_EQ(evaluate(-cls, obs, 0.0f, &best), std::min(ca, cb));
+  EXPECT_EQ(best, cb < ca ? b : c);  // a and c tie: c, the later one
+  EXPECT_EQ(XKwEvalHMMViterbi(-wcls, obs.data(), 20, &best, 0, nullptr), evaluate(wa, obs, short{}));
+  EXPECT_EQ(best, wb);
+  // The w form scales the best cost: left by s for -s, right for s.
+  const std::int32_t raw = evaluate(wa, obs, short{});
+  int scale = -2;
+  EXPECT_EQ(XKwEvalHMMViterbi(wa, obs.data(), 20, &best, 1, &scale), raw * 4);
+  scale = 3;
+  EXPECT_EQ(XKwEvalHMMViterbi(wa, obs.data(), 20, &best, 1, &scale), raw >> 3);
+  scale = 7;
+  EXPECT_EQ(XKwEvalHMMViterbi(wa, obs.data(), 20, &best, 0, &scale), raw);
+  EXPECT_EQ(scale, 0);
+  // Failures: unknown class or server, a server of another kind, an empty
+  // class, a symbol outside the alphabet.
+  const int empty = XKCreateHMMClass();
+  std::vector<int> bad = obs;
+  bad[3] = 6;
+  for (int idOrClass : {-99, 99, wa, -empty}) EXPECT_EQ(evaluate(idOrClass, obs, 0.0f), kBig);
+  EXPECT_EQ(evaluate(a, bad, 0.0f), kBig);
+  EXPECT_EQ(XKwEvalHMMViterbi(a, obs.data(), 20, &best, 1, &scale), 0x7FFFFFFF);
+  EXPECT_TRUE(xkltest::reports().empty());
+  XKHMMFreeAll();
+  EXPECT_EQ(evaluate(1, obs, 0.0f), kBig);  // no tables on the thread
+  EXPECT_EQ(evaluate(1, obs, short{}), 0x7FFFFFFF);
+}
+
+// Diagonal mixtures of a continuous model, kept in the caller's form for
+// the reference density.
+template <class T>
+struct Mix {
+  std::vector<T> w;
+  std::vector<std::vector<T>> mu, iv;
+  std::vector<T *> muP, ivP;
+  GaussMixServer *server = nullptr;
+};
+
+// Least path cost by enumeration with per-frame output costs out[t][j].
+double enumerate(const std::vector<std::vector<double>> &a, const std::vector<double> &pi,
+                 const std::vector<std::vector<double>> &out) {
+  const int n = static_cast<int>(pi.size()), T = static_cast<int>(out.size());
+  std::vector<int> s(T, 0);
+  double best = std::numeric_limits<double>::infinity();
+  for (;;) {
+    double c = pi[s[0]] + out[0][s[0]];
+    for (int t = 1; t < T; ++t) c += a[s[t - 1]][s[t]] + out[t][s[t]];
+    best = std::min(best, c);
+    int t = 0;
+    while (t < T && ++s[t] == n) s[t++] = 0;
+    if (t == T) break;
+  }
+  return best;
+}
+
+// Continuous servers of 1..3 states with 1..3 components at dimension 3,
+// T <= 5 frames, against enumeration with the densities computed in double:
+// sum_m w_m exp(-1/2 sum_i (x_i - mu_i)^2 iv_i) (times 2^scale in the
+// 16-bit form, whose weights are Q15).
+TEST_F(Freed, ContinuousEqualsEnumerationWithDensitiesInDouble) {
+  constexpr int kDim = 3, kParam = 10;
+  std::mt19937 rng(21);
+  std::uniform_int_distribution<int> small(-3, 3), pos(1, 4);
+  std::uniform_real_distribution<double> u(0.2, 2.0);
+  for (int n = 1; n <= 3; ++n)
+    for (int nMix = 1; nMix <= 3; ++nMix)
+      for (int T = 1; T <= 5; T += 2) {
+        SCOPED_TRACE(::testing::Message() << "n " << n << " nMix " << nMix << " T " << T);
+        // Float model; the 16-bit twin has integer means and inverse
+        // variances iv * 2^-4, costs in 2^-10 nats.
+        std::vector<std::vector<double>> aS(n, std::vector<double>(n)), aW = aS, outS(T), outW(T);
+        std::vector<double> piS(n), piW(n);
+        Rows<float> as(std::vector<std::vector<float>>(n, std::vector<float>(n)));
+        Rows<short> aw(std::vector<std::vector<short>>(n, std::vector<short>(n)));
+        std::vector<float> pis(n);
+        std::vector<short> piw(n);
+        for (int i = 0; i < n; ++i) {
+          const double c = u(rng);
+          pis[i] = static_cast<float>(c), piS[i] = pis[i];
+          piw[i] = static_cast<short>(std::lround(c * 1024)), piW[i] = piw[i];
+          for (int j = 0; j < n; ++j) {
+            const double d = u(rng);
+            as.data[i][j] = static_cast<float>(d), aS[i][j] = as.data[i][j];
+            aw.data[i][j] = static_cast<short>(std::lround(d * 1024)), aW[i][j] = aw.data[i][j];
+          }
+        }
+        std::vector<Mix<float>> ms(n);
+        std::vector<Mix<short>> mw(n);
+        std::vector<GaussMixServer *> ds(n), dw(n);
+        for (int i = 0; i < n; ++i) {
+          for (int k = 0; k < nMix; ++k) {
+            const short wq = static_cast<short>(32767 / nMix);
+            ms[i].w.push_back(wq / 32768.0f), mw[i].w.push_back(wq);
+            ms[i].mu.emplace_back(), mw[i].mu.emplace_back(), ms[i].iv.emplace_back(), mw[i].iv.emplace_back();
+            for (int d = 0; d < kDim; ++d) {
+              const short m = static_cast<short>(small(rng)), v = static_cast<short>(pos(rng));
+              mw[i].mu[k].push_back(m), mw[i].iv[k].push_back(v);
+              ms[i].mu[k].push_back(m), ms[i].iv[k].push_back(v / 16.0f);
+            }
+          }
+          for (int k = 0; k < nMix; ++k) {
+            ms[i].muP.push_back(ms[i].mu[k].data()), ms[i].ivP.push_back(ms[i].iv[k].data());
+            mw[i].muP.push_back(mw[i].mu[k].data()), mw[i].ivP.push_back(mw[i].iv[k].data());
+          }
+          ds[i] = XKsInitGaussMixServer(ms[i].w.data(), ms[i].muP.data(), nullptr, ms[i].ivP.data(), kDim, nMix, 0);
+          dw[i] = XKwInitGaussMixServer(mw[i].w.data(), mw[i].muP.data(), nullptr, mw[i].ivP.data(), kDim, nMix, 0, -4);
+        }
+        const int ids = XKsInitContHMMServer(as.p(), pis.data(), ds.data(), n, kDim, XK_HMM_LOGARITHMIC);
+        const int idw = XKwInitContHMMServer(aw.p(), piw.data(), dw.data(), n, kDim, XK_HMM_LOGARITHMIC, kParam);
+        ASSERT_GT(ids, 0);
+        ASSERT_GT(idw, 0);
+        for (int i = 0; i < n; ++i) XKsFreeGaussMixServer(ds[i]), XKwFreeGaussMixServer(dw[i]);
+        std::vector<std::vector<float>> xs(T);
+        std::vector<std::vector<short>> xw(T);
+        std::vector<const float *> ps;
+        std::vector<const short *> pw;
+        for (int t = 0; t < T; ++t) {
+          for (int d = 0; d < kDim; ++d) {
+            const short v = static_cast<short>(small(rng));
+            xw[t].push_back(v), xs[t].push_back(v);
+          }
+          ps.push_back(xs[t].data()), pw.push_back(xw[t].data());
+          for (int i = 0; i < n; ++i) {
+            double lik = 0.0;
+            for (int k = 0; k < nMix; ++k) {
+              double dist = 0.0;
+              for (int d = 0; d < kDim; ++d) dist += std::pow(xs[t][d] - ms[i].mu[k][d], 2) * mw[i].iv[k][d] / 16.0;
+              lik += mw[i].w[k] / 32768.0 * std::exp(-0.5 * dist);
+            }
+            outS[t].push_back(-std::log10(lik));
+            outW[t].push_back(-std::log(lik) * 1024.0);
+          }
+        }
+        // Float: each frame's cost carries a few 2^-24 relative errors (the
+        // float likelihood, its logarithm, the product) and the sums add
+        // (2T + 1) roundings; on costs of order 1, 1e-6 per frame covers both.
+        EXPECT_NEAR(XKsEvalContHMMViterbi(ids, ps.data(), T, nullptr), enumerate(aS, piS, outS), 1e-6 * T);
+        // 16-bit: the fixed-point exponential is within 0.2 % of exp (2.1
+        // units of 2^-10 in -ln), the Q28 likelihood (>= 0.005 here) within
+        // 2^-28 relative 1e-6, the logarithm rounds by 0.5: 3 units a frame.
+        int scale = 0;
+        EXPECT_NEAR(XKwEvalContHMMViterbi(idw, pw.data(), T, nullptr, 0, &scale), enumerate(aW, piW, outW), 3.0 * T);
+        XKFreeHMMServer(ids);
+        XKFreeHMMServer(idw);
+      }
 }
 
 // The fixed-point logarithm over its whole input range: every leading-bit
