@@ -109,25 +109,21 @@ void viterbiStart(const Model<std::int32_t> &m, const std::int32_t *out, std::in
   startRow(m, out, delta);
 }
 
-void viterbiStep(const Model<float> &m, const float *prev, const float *out, float *next) {
+StepFn<float> stepFor(const Model<float> &m) {
 #ifdef XKL_HMM_HAVE_AVX2
-  // Below four states the scalar loops win; the vector steps read whole
-  // 8-lane vectors around rows and columns (padding, slack).
-  if (m.n >= 4 && viterbiSimdActive()) {
-    switch (m.topology) {
-      case Topology::General: return stepGeneralAvx2(m.trans, m.n, prev, out, next);
-      case Topology::LeftRight: return stepLeftRightAvx2(m.trans, m.n, prev, out, next);
-      case Topology::Bakis: return stepBakisAvx2(m.trans, m.n, prev, out, next);
-    }
+  // The vector steps read whole 8-lane vectors around rows and columns
+  // (padding, slack). Below eight states the general and left-right
+  // columns fit one vector and the scalar loops are as fast.
+  if (viterbiSimdActive()) {
+    if (m.topology == Topology::Bakis && m.n >= 3) return stepBakisAvx2;
+    if (m.topology == Topology::General && m.n >= 8) return stepGeneralAvx2;
+    if (m.topology == Topology::LeftRight && m.n >= 8) return stepLeftRightAvx2;
   }
 #endif
-  stepPortable<float, FloatLayout>(m, prev, out, next);
+  return stepPortable<float, FloatLayout>;
 }
 
-void viterbiStep(const Model<std::int32_t> &m, const std::int32_t *prev, const std::int32_t *out,
-                 std::int32_t *next) {
-  stepPortable<std::int32_t, FixedLayout>(m, prev, out, next);
-}
+StepFn<std::int32_t> stepFor(const Model<std::int32_t> &) { return stepPortable<std::int32_t, FixedLayout>; }
 
 float viterbiFinish(const Model<float> &m, const float *delta) { return finishRow(m, delta); }
 std::int32_t viterbiFinish(const Model<std::int32_t> &m, const std::int32_t *delta) { return finishRow(m, delta); }

@@ -54,12 +54,15 @@ constexpr std::int32_t rowPad<std::int32_t>() { return kW32Pad; }
 void viterbiStart(const Model<float> &m, const float *out, float *delta);
 void viterbiStart(const Model<std::int32_t> &m, const std::int32_t *out, std::int32_t *delta);
 
-// next[j] = min over the predecessors i of j of (prev[i] + a[i][j]), plus
-// out[j]. Fixed point adds modulo 2^32 (the widened impossible value keeps
-// realistic sums far from wrapping) and compares signed.
-void viterbiStep(const Model<float> &m, const float *prev, const float *out, float *next);
-void viterbiStep(const Model<std::int32_t> &m, const std::int32_t *prev, const std::int32_t *out,
-                 std::int32_t *next);
+// One frame: next[j] = min over the predecessors i of j of
+// (prev[i] + a[i][j]), plus out[j]. Fixed point adds modulo 2^32 (the
+// widened impossible value keeps realistic sums far from wrapping) and
+// compares signed. stepFor picks the step of the model's topology (and the
+// vector one when it runs) once per candidate.
+template <class T>
+using StepFn = void (*)(const Model<T> &m, const T *prev, const T *out, T *next);
+StepFn<float> stepFor(const Model<float> &m);
+StepFn<std::int32_t> stepFor(const Model<std::int32_t> &m);
 
 // min over j < n of delta[j].
 float viterbiFinish(const Model<float> &m, const float *delta);
@@ -98,9 +101,10 @@ T runViterbi(const Model<T> &m, int nFrames, T *rowA, T *rowB, OutRow &&outRow) 
     for (int t = 1; t < nFrames; ++t) sum = addCost(sum, outRow(t)[0]);
     return oneStateCost(m.initial[0], selfCost(m), sum, nFrames);
   }
+  const StepFn<T> step = stepFor(m);
   viterbiStart(m, out, rowA);
   for (int t = 1; t < nFrames; ++t) {
-    viterbiStep(m, rowA, outRow(t), rowB);
+    step(m, rowA, outRow(t), rowB);
     T *swap = rowA;
     rowA = rowB;
     rowB = swap;
@@ -117,9 +121,9 @@ bool viterbiSimdActive();
 #define XKL_HMM_HAVE_AVX2 1
 // AVX2 float steps (viterbi_kernels_avx2.cpp); same results as the portable
 // ones, bit for bit.
-void stepGeneralAvx2(const float *trans, int n, const float *prev, const float *out, float *next);
-void stepLeftRightAvx2(const float *trans, int n, const float *prev, const float *out, float *next);
-void stepBakisAvx2(const float *trans, int n, const float *prev, const float *out, float *next);
+void stepGeneralAvx2(const Model<float> &m, const float *prev, const float *out, float *next);
+void stepLeftRightAvx2(const Model<float> &m, const float *prev, const float *out, float *next);
+void stepBakisAvx2(const Model<float> &m, const float *prev, const float *out, float *next);
 #endif
 
 }  // namespace xk::hmm

@@ -39,8 +39,10 @@ __attribute__((target("avx2"))) inline __m128 horizontalMin4(__m256 a0, __m256 a
 // Four target states at a time (their columns are adjacent, j-3 last), so
 // each vector of prev is loaded once for four columns and the four minima
 // are reduced together. Lanes past n read prev's +inf padding.
-__attribute__((target("avx2"))) void stepGeneralAvx2(const float *trans, int n, const float *prev,
-                                                     const float *out, float *next) {
+__attribute__((target("avx2"))) void stepGeneralAvx2(const Model<float> &m, const float *prev, const float *out,
+                                                     float *next) {
+  const float *trans = m.trans;
+  const int n = m.n;
   const int width = pad8(n);
   int j = n - 1;
   for (; j >= 3; j -= 4) {
@@ -70,10 +72,11 @@ __attribute__((target("avx2"))) void stepGeneralAvx2(const float *trans, int n, 
 
 // Column j holds j+1 predecessors; the lanes of the last vector beyond
 // them (the next column's entries) are replaced by +inf.
-__attribute__((target("avx2"))) void stepLeftRightAvx2(const float *trans, int n, const float *prev,
-                                                       const float *out, float *next) {
+__attribute__((target("avx2"))) void stepLeftRightAvx2(const Model<float> &m, const float *prev, const float *out,
+                                                       float *next) {
+  const int n = m.n;
   const __m256 inf = _mm256_set1_ps(rowPad<float>());
-  const float *col = trans;
+  const float *col = m.trans;
   for (int j = n - 1; j >= 0; --j) {
     const int count = j + 1;
     __m256 a = inf;
@@ -94,9 +97,10 @@ __attribute__((target("avx2"))) void stepLeftRightAvx2(const float *trans, int n
 // the source state): prev[j] + a[j][j], prev[j-1] + a[j-1][j],
 // prev[j-2] + a[j-2][j]. For j0 = 0 the missing predecessors read prev's
 // +inf guard cells. The last n mod 8 states take the scalar form.
-__attribute__((target("avx2"))) void stepBakisAvx2(const float *trans, int n, const float *prev,
-                                                   const float *out, float *next) {
-  const float *d0 = trans, *d1 = trans + n, *d2 = trans + 2 * n - 1;
+__attribute__((target("avx2"))) void stepBakisAvx2(const Model<float> &m, const float *prev, const float *out,
+                                                   float *next) {
+  const int n = m.n;
+  const float *d0 = m.trans, *d1 = m.trans + n, *d2 = m.trans + 2 * n - 1;
   int j = 0;
   for (; j + 8 <= n; j += 8) {
     const __m256 s0 = _mm256_add_ps(_mm256_load_ps(prev + j), _mm256_loadu_ps(d0 + j));
