@@ -143,7 +143,10 @@ void BM_GeneralStepOnBakisModel(benchmark::State &state) {
   Discrete &d = discrete(n, true);
   std::vector<float> trans;
   for (int j = n - 1; j >= 0; --j)
-    for (int i = 0; i < n; ++i) trans.push_back(std::isinf(d.a[i * n + j]) ? xk::hmm::kLargest : static_cast<float>(d.a[i * n + j]));
+    for (int i = 0; i < n; ++i) {
+      const double a = d.a[i * n + j];
+      trans.push_back(std::isinf(a) ? xk::hmm::kLargest : static_cast<float>(a));
+    }
   trans.insert(trans.end(), xk::hmm::kTransSlack, xk::hmm::kLargest);
   xk::hmm::ServerView v;
   xk::hmm::getServer(d.id, &v);

@@ -219,11 +219,13 @@ extern "C" XKL_API int XKwEvalContHMMViterbi(int idOrClass, const short *const *
         GaussMixServer *const *mix = static_cast<GaussMixServer *const *>(v.outputs);
         std::int32_t *out = s.row(2);
         const int n = v.nStates;
-        return std::optional<std::int32_t>(runViterbi(modelOf<std::int32_t>(v), nFrames, s.row(0), s.row(1), [&](int t) {
+        auto costsOf = [&](int t) {
           for (int j = 0; j < n; ++j) out[j] = likelihoodQ28(mix[j], obs[t], v.nQuant);
           fixLogCostRow(out, n, kLikelihoodExp, -v.param);
           return static_cast<const std::int32_t *>(out);
-        }));
+        };
+        return std::optional<std::int32_t>(
+            runViterbi(modelOf<std::int32_t>(v), nFrames, s.row(0), s.row(1), costsOf));
       },
       &scored);
   return scored ? scaleCost(cost, scaleMode, scale) : kWFail;

@@ -65,7 +65,8 @@ __attribute__((target("avx2"))) void stepGeneralAvx2(const Model<float> &m, cons
   for (; j >= 0; --j) {
     const float *c = trans + static_cast<std::ptrdiff_t>(n - 1 - j) * n;
     __m256 a = _mm256_add_ps(_mm256_load_ps(prev), _mm256_loadu_ps(c));
-    for (int i = 8; i < width; i += 8) a = _mm256_min_ps(a, _mm256_add_ps(_mm256_load_ps(prev + i), _mm256_loadu_ps(c + i)));
+    for (int i = 8; i < width; i += 8)
+      a = _mm256_min_ps(a, _mm256_add_ps(_mm256_load_ps(prev + i), _mm256_loadu_ps(c + i)));
     next[j] = horizontalMin(a) + out[j];
   }
 }
@@ -81,7 +82,8 @@ __attribute__((target("avx2"))) void stepLeftRightAvx2(const Model<float> &m, co
     const int count = j + 1;
     __m256 a = inf;
     int i = 0;
-    for (; i + 8 <= count; i += 8) a = _mm256_min_ps(a, _mm256_add_ps(_mm256_load_ps(prev + i), _mm256_loadu_ps(col + i)));
+    for (; i + 8 <= count; i += 8)
+      a = _mm256_min_ps(a, _mm256_add_ps(_mm256_load_ps(prev + i), _mm256_loadu_ps(col + i)));
     if (i < count) {
       const __m256 keep = _mm256_castsi256_ps(
           _mm256_loadu_si256(reinterpret_cast<const __m256i *>(kLaneMask + 8 - (count - i))));
