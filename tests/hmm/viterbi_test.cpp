@@ -277,7 +277,9 @@ TEST_F(Freed, VectorStepsEqualPortableBitForBit) {
         XKFreeHMMServer(id);
         EXPECT_EQ(std::bit_cast<std::uint32_t>(cost[0]), std::bit_cast<std::uint32_t>(cost[1])) << "n " << n;
         EXPECT_EQ(best[0], best[1]) << "n " << n;
-        if (deadStart) EXPECT_EQ(best[1], -1);
+        if (deadStart) {
+          EXPECT_EQ(best[1], -1);
+        }
       }
 }
 
