@@ -19,12 +19,10 @@ ForwardTopology topologyOf(unsigned status) {
   return ForwardTopology::General;
 }
 
-enum class Outcome { Scored, Skipped, Failed };
-
-// Scores every candidate of idOrClass with score(view, scratch, &result)
-// for the servers of the wanted flavour, keeps the most probable and
-// returns its cost (the largest float when nothing was scored or any
-// candidate failed).
+// Scores every float candidate of the wanted flavour in idOrClass with
+// score(view, model, scratch, &result), keeps the most probable and returns
+// its cost (the largest float when nothing was scored or any candidate
+// failed).
 template <class Score>
 float walkCandidates(int idOrClass, int nFrames, int *bestId, unsigned flavour, Score score) {
   int dummy = 0;

@@ -39,8 +39,8 @@ struct ForwardScore {
 double forwardCost(const ForwardScore &score);
 
 // One block of scratch for a whole call: the widened transitions, two alpha
-// rows, a row of continuous output probabilities and a work row. Grown only when a
-// candidate needs more; freed with the object.
+// rows, a row of continuous output probabilities and a work row. Grown only
+// when a candidate needs more; freed with the object.
 class ForwardScratch {
  public:
   ForwardScratch() = default;
