@@ -455,4 +455,42 @@ TEST(FixLog, MatchesLogInDouble) {
   EXPECT_EQ(xk::hmm::fixLogCost(1 << 28, -28, -12), 0);  // likelihood 1
 }
 
+// The best single path is never more probable than all paths together: on
+// one model held as costs (Viterbi) and as probabilities (forward), the
+// Viterbi cost is never below the forward cost. Float sums of T + 1 costs
+// allow the tolerance of floatTolerance.
+TEST_F(Freed, ViterbiCostIsNeverBelowForwardCost) {
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> prob(0.02, 1.0);
+  for (Topology topo : kTopologies)
+    for (int n : {3, 8, 21}) {
+      const int m = 6, T = 40;
+      std::vector<std::vector<float>> pa(n, std::vector<float>(n, 0.0f)), ca(pa), pb(n, std::vector<float>(m)), cb(pb);
+      std::vector<float> ppi(n), cpi(n);
+      auto cost = [](float p) { return p > 0.0f ? static_cast<float>(-std::log10(p)) : kBig; };
+      for (int i = 0; i < n; ++i) {
+        ppi[i] = i == 0 ? 1.0f : 0.0f;
+        for (int j = 0; j < n; ++j)
+          if (allowed(topo, i, j)) pa[i][j] = static_cast<float>(prob(rng));
+        for (int k = 0; k < m; ++k) pb[i][k] = static_cast<float>(prob(rng));
+      }
+      for (int i = 0; i < n; ++i) {
+        cpi[i] = cost(ppi[i]);
+        for (int j = 0; j < n; ++j) ca[i][j] = cost(pa[i][j]);
+        for (int k = 0; k < m; ++k) cb[i][k] = cost(pb[i][k]);
+      }
+      Rows<float> A(pa), B(pb), CA(ca), CB(cb);
+      const int fwd = XKsInitHMMServer(A.p(), B.p(), ppi.data(), n, m, XK_HMM_EXPONENTIAL);
+      const int vit = XKsInitHMMServer(CA.p(), CB.p(), cpi.data(), n, m, XK_HMM_LOGARITHMIC);
+      for (int trial = 0; trial < 5; ++trial) {
+        const auto obs = randomObs(T, m, rng);
+        const float f = XKsEvalHMMForward(fwd, obs.data(), T, nullptr);
+        const float v = XKsEvalHMMViterbi(vit, obs.data(), T, nullptr);
+        ASSERT_LT(v, 1e30f);
+        ASSERT_LT(f, 1e30f);
+        EXPECT_GE(v, f - floatTolerance(v, T)) << "n " << n;
+      }
+    }
+}
+
 }  // namespace
