@@ -9,6 +9,7 @@
 #include <cstring>
 #include <random>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "frame/context.h"
@@ -101,93 +102,62 @@ bool held(unsigned topo, int i, int j) {
   return true;
 }
 
-// Topology detection, and XKGetHMMProb returning every matrix as given,
-// for both types and every representation.
+// Creates a discrete server of type T (float or short) from a transition
+// matrix with distinct values where `topo` allows an arc and `none`
+// elsewhere, checks the detected topology and the status word, and reads
+// every matrix back with XKGetHMMProb: arcs outside the stored topology come
+// back as the representation's impossible value.
+template <class T>
+void roundTrip(int N, char topo, int flags, T none, unsigned expectTopo) {
+  constexpr bool fl = std::is_same_v<T, float>;
+  SCOPED_TRACE(testing::Message() << "N=" << N << " topo=" << topo << " flags=" << flags << " float=" << fl);
+  const int M = 3;
+  auto a = transitions<T>(N, topo, none, 1);
+  Mat<T> b(N, M, 0), a2(N, N, 7), b2(N, M, 7);
+  std::vector<T> pi(N), pi2(N, 7);
+  for (int i = 0; i < N; ++i) {
+    pi[i] = T(2 * i);
+    for (int k = 0; k < M; ++k) b(i, k) = T(50 + 10 * i + k);
+  }
+  int id;
+  if constexpr (fl)
+    id = XKsInitHMMServer(a.p(), b.p(), pi.data(), N, M, flags);
+  else
+    id = XKwInitHMMServer(a.p(), b.p(), pi.data(), N, M, flags);
+  ASSERT_GT(id, 0);
+  ASSERT_EQ(XKGetHMMProb(id, pi2.data(), reinterpret_cast<void **>(a2.p()), reinterpret_cast<void **>(b2.p())), 0);
+  const bool log = fl ? flags != XK_HMM_EXPONENTIAL : (flags & XK_HMM_LOGARITHMIC) != 0;
+  const T impossible = log ? (fl ? T(kBig) : T(32767)) : T(0);
+  for (int i = 0; i < N; ++i)
+    for (int j = 0; j < N; ++j) EXPECT_EQ(a2(i, j), held(expectTopo, i, j) ? a(i, j) : impossible) << i << "," << j;
+  EXPECT_EQ(b2.rows, b.rows);
+  EXPECT_EQ(pi2, pi);
+  int status = 0, nS = 0, nM = 0;
+  ASSERT_EQ(XKGetHMMParm(id, &nS, &nM, nullptr, nullptr, &status), 0);
+  EXPECT_EQ(nS * 100 + nM, N * 100 + M);
+  const unsigned rep = fl ? (log ? 1u : 2u) : (log ? 1u : 0u);
+  const unsigned layout = fl && log ? HMM_SERVER_KERNEL_LAYOUT : 0u;
+  EXPECT_EQ(static_cast<unsigned>(status),
+            rep | (fl ? HMM_SERVER_FLOAT : HMM_SERVER_SHORT) | HMM_SERVER_DISCRETE | expectTopo | layout);
+}
+
 TEST_F(HmmServerTest, TopologyAndRoundTrip) {
+  constexpr unsigned G = 0, L = HMM_SERVER_LEFT_RIGHT, K = HMM_SERVER_BAKIS;
   struct Case {
     int N;
     char topo;
-    unsigned expectTopo;
-  } cases[] = {{1, 'g', 0},
-               {2, 'l', HMM_SERVER_LEFT_RIGHT},
-               {2, 'g', 0},
-               {3, 'b', HMM_SERVER_BAKIS},
-               {3, 'l', HMM_SERVER_BAKIS},  // a 3-state left-right matrix has no skip of 3
-               {5, 'b', HMM_SERVER_BAKIS},
-               {6, 'l', HMM_SERVER_LEFT_RIGHT},
-               {7, 'g', 0}};
-  for (const auto &c : cases)
-    for (int flags : {0, XK_HMM_EXPONENTIAL, -1 /* w log */, -2 /* w linear */}) {
-      SCOPED_TRACE(testing::Message() << "N=" << c.N << " topo=" << c.topo << " flags=" << flags);
-      const int M = 3;
-      int id, status = 0, nS = 0, nM = 0;
-      if (flags >= 0) {
-        const bool log = flags == 0;
-        auto a = transitions<float>(c.N, c.topo, log ? 31.0f : -1.0f, 1.0f);
-        Mat<float> b(c.N, M, 0);
-        std::vector<float> pi(c.N);
-        for (int i = 0; i < c.N; ++i) {
-          pi[i] = 0.25f * i;
-          for (int k = 0; k < M; ++k) b(i, k) = 0.5f + i + 0.125f * k;
-        }
-        id = XKsInitHMMServer(a.p(), b.p(), pi.data(), c.N, M, flags);
-        ASSERT_GT(id, 0);
-        Mat<float> a2(c.N, c.N, 7), b2(c.N, M, 7);
-        std::vector<float> pi2(c.N, 7);
-        EXPECT_EQ(XKGetHMMProb(id, pi2.data(), reinterpret_cast<void **>(a2.p()), reinterpret_cast<void **>(b2.p())),
-                  0);
-        const float none = log ? kBig : 0.0f;
-        for (int i = 0; i < c.N; ++i)
-          for (int j = 0; j < c.N; ++j) {
-            EXPECT_EQ(a2(i, j), held(c.expectTopo, i, j) ? a(i, j) : none) << i << "," << j;
-          }
-        EXPECT_EQ(b2.rows, b.rows);
-        EXPECT_EQ(pi2, pi);
-      } else {
-        const bool log = flags == -1;
-        auto a = transitions<short>(c.N, c.topo, log ? short(32767) : short(-3), 100);
-        Mat<short> b(c.N, M, 0);
-        std::vector<short> pi(c.N);
-        for (int i = 0; i < c.N; ++i) {
-          pi[i] = short(5 * i);
-          for (int k = 0; k < M; ++k) b(i, k) = short(200 + 10 * i + k);
-        }
-        id = XKwInitHMMServer(a.p(), b.p(), pi.data(), c.N, M, log ? XK_HMM_LOGARITHMIC : 0);
-        ASSERT_GT(id, 0);
-        Mat<short> a2(c.N, c.N, 7), b2(c.N, M, 7);
-        std::vector<short> pi2(c.N, 7);
-        EXPECT_EQ(XKGetHMMProb(id, pi2.data(), reinterpret_cast<void **>(a2.p()), reinterpret_cast<void **>(b2.p())),
-                  0);
-        for (int i = 0; i < c.N; ++i)
-          for (int j = 0; j < c.N; ++j) {
-            EXPECT_EQ(a2(i, j), held(c.expectTopo, i, j) ? a(i, j) : short(log ? 32767 : 0)) << i << "," << j;
-          }
-        EXPECT_EQ(b2.rows, b.rows);
-        EXPECT_EQ(pi2, pi);
-      }
-      ASSERT_EQ(XKGetHMMParm(id, &nS, &nM, nullptr, nullptr, &status), 0);
-      EXPECT_EQ(nS, c.N);
-      EXPECT_EQ(nM, M);
-      EXPECT_EQ(status & 0x3000u, c.expectTopo);
-      const unsigned type = flags >= 0 ? HMM_SERVER_FLOAT : HMM_SERVER_SHORT;
-      const unsigned rep = flags == XK_HMM_EXPONENTIAL ? 2u : (flags == -2 ? 0u : 1u);
-      const unsigned layout = (flags == 0) ? HMM_SERVER_KERNEL_LAYOUT : 0u;
-      EXPECT_EQ(static_cast<unsigned>(status), rep | type | HMM_SERVER_DISCRETE | c.expectTopo | layout);
-    }
-}
-
-// The 30.0 boundary of an impossible float cost below the diagonal.
-TEST_F(HmmServerTest, ImpossibleCostBoundary) {
-  for (float below : {30.0f, 29.9f}) {
-    auto a = transitions<float>(4, 'l', 30.0f, 1.0f);
-    a(2, 1) = below;
-    Mat<float> b(4, 2, 1.0f);
-    std::vector<float> pi(4, 0.0f);
-    const int id = XKsInitHMMServer(a.p(), b.p(), pi.data(), 4, 2, XK_HMM_LOGARITHMIC);
-    int status = 0;
-    XKGetHMMParm(id, nullptr, nullptr, nullptr, nullptr, &status);
-    EXPECT_EQ(status & 0x3000, below >= 30.0f ? HMM_SERVER_LEFT_RIGHT : 0) << below;
+    unsigned expect;
+  } cases[] = {{1, 'g', G}, {2, 'l', L}, {2, 'g', G}, {3, 'b', K}, {3, 'l', K},  // three states cannot skip 3
+               {5, 'b', K}, {6, 'l', L}, {7, 'g', G}};
+  for (const auto &c : cases) {
+    roundTrip<float>(c.N, c.topo, 0, 31.0f, c.expect);
+    roundTrip<float>(c.N, c.topo, XK_HMM_EXPONENTIAL, -1.0f, c.expect);
+    roundTrip<short>(c.N, c.topo, XK_HMM_LOGARITHMIC, 32767, c.expect);
+    roundTrip<short>(c.N, c.topo, 0, -3, c.expect);
   }
+  // A cost of exactly 30.0 below the diagonal is impossible; 29.9 is not.
+  roundTrip<float>(4, 'l', XK_HMM_LOGARITHMIC, 30.0f, L);
+  roundTrip<float>(4, 'l', XK_HMM_LOGARITHMIC, 29.9f, G);
 }
 
 // The packed storage, written out by hand for small models.
