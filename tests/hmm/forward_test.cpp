@@ -1,7 +1,7 @@
 // Forward scoring against independent references: brute-force enumeration
 // of all state paths in long double on tiny models, a log-space dynamic
-// programme in double on larger ones, and the AVX2 step against the
-// portable one bit for bit. Models are exponential servers made by the
+// programme in double on larger ones, and the AVX2 and AVX-512 steps
+// against the portable one bit for bit. Models are exponential servers made by the
 // store; the larger ones are also scored through the kernels directly, to
 // compare the exact (S, scale count) pairs.
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ const int kTopologyBits[] = {0, HMM_SERVER_LEFT_RIGHT, HMM_SERVER_BAKIS};
 struct HmmForward : xkltest::ReportingTest {
   void TearDown() override {
     XKHMMFreeAll();
-    xk::hmm::setForwardSimd(true);
+    xk::hmm::setForwardIsa(xk::hmm::ForwardIsa::Auto);
     xkltest::ReportingTest::TearDown();
   }
 };
@@ -171,26 +171,35 @@ TEST_F(HmmForward, TinyModelsEqualPathEnumeration) {
       }
 }
 
-// Larger models: the log-space programme, and the AVX2 step giving the
-// portable step's bits. The relative error of the double recursion grows
-// by about N ulps a frame: 1000 x 64 x 2^-53 / ln 10 is below 1e-11.
+// Larger models: the log-space programme, and every vector step giving the
+// portable step's bits (forced, whatever the default picks for the size;
+// a step the processor lacks falls back and compares trivially). The
+// relative error of the double recursion grows by about N ulps a frame:
+// 400 x 128 x 2^-53 / ln 10 is below 1e-11.
 TEST_F(HmmForward, LargeModelsEqualLogSpaceAndPathsAgree) {
+  using xk::hmm::ForwardIsa;
   std::mt19937 rng(11);
-  const struct { int n, T; } sizes[] = {{5, 300}, {10, 500}, {13, 1000}, {31, 200}, {64, 1000}};
+  std::vector<int> sizes;
+  for (int n = 1; n <= 40; ++n) sizes.push_back(n);
+  sizes.insert(sizes.end(), {64, 128});
   for (ForwardTopology topo : kTopologies)
-    for (auto [n, T] : sizes) {
+    for (int n : sizes) {
       const Model md = randomModel(topo, n, 16, rng);
       const int id = makeServer(md);
-      const auto obs = randomObs(T, 16, rng);
-      xk::hmm::ForwardScore portable, simd;
-      xk::hmm::setForwardSimd(false);
+      const auto obs = randomObs(400, 16, rng);
+      xk::hmm::ForwardScore portable;
+      xk::hmm::setForwardIsa(ForwardIsa::Portable);
       ASSERT_TRUE(kernelScore(id, obs, &portable));
-      xk::hmm::setForwardSimd(true);
-      ASSERT_TRUE(kernelScore(id, obs, &simd));
       const double ref = logSpaceCost(md, obs);
       EXPECT_NEAR(xk::hmm::forwardCost(portable), ref, 1e-11 * ref) << "topology " << int(topo) << " N=" << n;
-      EXPECT_EQ(simd.S, portable.S);
-      EXPECT_EQ(simd.scaleCount, portable.scaleCount);
+      for (ForwardIsa isa : {ForwardIsa::Avx2, ForwardIsa::Avx512}) {
+        xk::hmm::ForwardScore simd;
+        xk::hmm::setForwardIsa(isa);
+        ASSERT_TRUE(kernelScore(id, obs, &simd));
+        EXPECT_EQ(simd.S, portable.S) << "topology " << int(topo) << " N=" << n << " isa " << int(isa);
+        EXPECT_EQ(simd.scaleCount, portable.scaleCount);
+      }
+      XKFreeHMMServer(id);
     }
 }
 
