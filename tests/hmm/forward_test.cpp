@@ -175,7 +175,9 @@ TEST_F(HmmForward, TinyModelsEqualPathEnumeration) {
 // portable step's bits (forced, whatever the default picks for the size;
 // a step the processor lacks falls back and compares trivially). The
 // relative error of the double recursion grows by about N ulps a frame:
-// 400 x 128 x 2^-53 / ln 10 is below 1e-11.
+// 150 x 64 x 2^-53 / ln 10 is below 1e-11. 100 or 150 frames lose some 400
+// to 600 bits, so every model is rescaled a few times; N = 128 runs
+// without the slow reference.
 TEST_F(HmmForward, LargeModelsEqualLogSpaceAndPathsAgree) {
   using xk::hmm::ForwardIsa;
   std::mt19937 rng(11);
@@ -186,12 +188,14 @@ TEST_F(HmmForward, LargeModelsEqualLogSpaceAndPathsAgree) {
     for (int n : sizes) {
       const Model md = randomModel(topo, n, 16, rng);
       const int id = makeServer(md);
-      const auto obs = randomObs(400, 16, rng);
+      const auto obs = randomObs(n > 40 ? 100 : 150, 16, rng);
       xk::hmm::ForwardScore portable;
       xk::hmm::setForwardIsa(ForwardIsa::Portable);
       ASSERT_TRUE(kernelScore(id, obs, &portable));
-      const double ref = logSpaceCost(md, obs);
-      EXPECT_NEAR(xk::hmm::forwardCost(portable), ref, 1e-11 * ref) << "topology " << int(topo) << " N=" << n;
+      if (n <= 64) {
+        const double ref = logSpaceCost(md, obs);
+        EXPECT_NEAR(xk::hmm::forwardCost(portable), ref, 1e-11 * ref) << "topology " << int(topo) << " N=" << n;
+      }
       for (ForwardIsa isa : {ForwardIsa::Avx2, ForwardIsa::Avx512}) {
         xk::hmm::ForwardScore simd;
         xk::hmm::setForwardIsa(isa);
