@@ -316,9 +316,58 @@ XKL_AVX512 __attribute__((always_inline)) inline double stepAvx512(const Forward
   return horizontalSum8(sum);
 }
 
+// Bakis models of up to 8V states: the transitions and the alpha row stay
+// in registers from frame to frame, so the chain of a frame does not pass
+// through a store and a load. The row is still stored for the rescaling,
+// and read back when that changed it.
+template <int V, class B, class Row>
+XKL_AVX512 bool bakisFramesInRegisters(const ForwardModel &m, int nFrames, double *cur, double *next, double S,
+                                       Row outputsOf, ForwardScore *score) {
+  const int nPad = m.nPad, bEnd = pad4(m.n);
+  __m512d d0[V], d1[V], d2[V], c[V];
+  for (int v = 0; v < V; ++v) {
+    d0[v] = _mm512_load_pd(m.a + 8 * v);
+    d1[v] = _mm512_load_pd(m.a + nPad + 8 * v);
+    d2[v] = _mm512_load_pd(m.a + 2 * nPad + 8 * v);
+    c[v] = _mm512_load_pd(cur + 8 * v);
+  }
+  int scaleCount = 0;
+  for (int t = 1; t < nFrames; ++t) {
+    const B *b = outputsOf(t);
+    if (!b) return false;
+    __m512d sum = _mm512_setzero_pd();
+    __m512i before = _mm512_setzero_si512();
+    for (int v = 0; v < V; ++v) {
+      const __m512i c0 = _mm512_castpd_si512(c[v]);
+      const __m512d c1 = _mm512_castsi512_pd(_mm512_alignr_epi64(c0, before, 7));
+      const __m512d c2 = _mm512_castsi512_pd(_mm512_alignr_epi64(c0, before, 6));
+      before = c0;
+      const __m512d p0 = mul8(c[v], d0[v]), p1 = mul8(c1, d1[v]), p2 = mul8(c2, d2[v]);
+      c[v] = mul8(_mm512_add_pd(_mm512_add_pd(p0, p1), p2), loadOutputs8(b, 8 * v, bEnd));
+      _mm512_store_pd(next + 8 * v, c[v]);
+      sum = _mm512_add_pd(sum, c[v]);
+    }
+    S = horizontalSum8(sum);
+    const bool last = t == nFrames - 1;
+    if (!inWindow(S, last)) {
+      if (!forwardRescale(next, nPad, &S, &scaleCount, last)) return false;
+      for (int v = 0; v < V; ++v) c[v] = _mm512_load_pd(next + 8 * v);
+    }
+  }
+  *score = {S, scaleCount};
+  return true;
+}
+
 template <class B, class Row>
 XKL_AVX512 bool framesAvx512(const ForwardModel &m, int nFrames, double *cur, double *next, double S, Row outputsOf,
                              ForwardScore *score) {
+  if (m.topology == ForwardTopology::Bakis) switch (m.nPad) {
+      case 8: return bakisFramesInRegisters<1, B>(m, nFrames, cur, next, S, outputsOf, score);
+      case 16: return bakisFramesInRegisters<2, B>(m, nFrames, cur, next, S, outputsOf, score);
+      case 24: return bakisFramesInRegisters<3, B>(m, nFrames, cur, next, S, outputsOf, score);
+      case 32: return bakisFramesInRegisters<4, B>(m, nFrames, cur, next, S, outputsOf, score);
+      default: break;
+    }
   int scaleCount = 0;
   for (int t = 1; t < nFrames; ++t) {
     const B *b = outputsOf(t);
@@ -367,11 +416,11 @@ double firstFrame(const ForwardModel &m, const float *initial, const B *b, doubl
 }
 
 // The step a model runs: the forced one, or by default the processor's
-// best where it pays. Small models are bound by the latency of a frame,
-// which the 512-bit step does not shorten (its row is padded to 8, and its
-// shifts and row sum take longer); measured on this machine, AVX-512 gains
-// from 10 states in general and left-right models and from about 24 in
-// Bakis ones, and loses up to a quarter below.
+// best where it pays. Small general and left-right models are bound by the
+// latency of a frame, which the 512-bit step does not shorten (its row is
+// padded to 8): measured on this machine it gains from 10 states and loses
+// up to a quarter below. Bakis models gain at every size (up to 32 states
+// their row stays in registers).
 ForwardIsa stepFor(ForwardTopology topology, int n) {
   const ForwardIsa setting = static_cast<ForwardIsa>(isaSetting.load(std::memory_order_relaxed));
   ForwardIsa best = ForwardIsa::Portable;
@@ -380,8 +429,7 @@ ForwardIsa stepFor(ForwardTopology topology, int n) {
   if (cpu.avx2) best = cpu.avx512f ? ForwardIsa::Avx512 : ForwardIsa::Avx2;
 #endif
   if (setting != ForwardIsa::Auto) return std::min(setting, best);
-  const int wideFrom = topology == ForwardTopology::Bakis ? 21 : 10;
-  if (best == ForwardIsa::Avx512 && n < wideFrom) return ForwardIsa::Avx2;
+  if (best == ForwardIsa::Avx512 && topology != ForwardTopology::Bakis && n < 10) return ForwardIsa::Avx2;
   return best;
 }
 

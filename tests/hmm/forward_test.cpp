@@ -299,10 +299,13 @@ TEST_F(HmmForward, ContinuousServerEqualsPathEnumeration) {
         bt[t][j] += w[m] * std::exp(-0.5 * q);
       }
   }
-  int best = -1;
   // The mixtures are evaluated in float: about 1e-6 relative per density.
-  EXPECT_NEAR(XKsEvalContHMMForward(id, obs.data(), kT, &best), bruteForceCost(md, bt), 1e-5);
-  EXPECT_EQ(best, id);
+  for (auto isa : {xk::hmm::ForwardIsa::Portable, xk::hmm::ForwardIsa::Avx2, xk::hmm::ForwardIsa::Avx512}) {
+    xk::hmm::setForwardIsa(isa);
+    int best = -1;
+    EXPECT_NEAR(XKsEvalContHMMForward(id, obs.data(), kT, &best), bruteForceCost(md, bt), 1e-5) << int(isa);
+    EXPECT_EQ(best, id);
+  }
 }
 
 // The walk over a class: of equal members the lower id wins, a more
