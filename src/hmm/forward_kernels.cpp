@@ -212,9 +212,11 @@ XKL_AVX2 bool framesAvx2(const ForwardModel &m, int nFrames, double *cur, double
 
 // GCC's 512-bit intrinsics start some results from an undefined vector,
 // which it then reports as maybe uninitialized.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #pragma GCC diagnostic ignored "-Wuninitialized"
+#endif
 
 #define XKL_AVX512 __attribute__((target("avx512f,avx2")))
 
@@ -382,7 +384,9 @@ XKL_AVX512 bool framesAvx512(const ForwardModel &m, int nFrames, double *cur, do
 }
 
 #undef XKL_AVX512
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 #endif  // XKL_FORWARD_HAVE_AVX2
 
 // The frames after the first: step, then the rescaling check.
