@@ -1,7 +1,7 @@
 // Discrete forward scoring (XKsEvalHMMForward on an exponential server):
 // T = 10,000 frames, M = 64 symbols, N = 5, 10,
 // 32 and 128 states, general and Bakis models, the library's forward pass
-// (AVX2 and portable steps) next to a plain scaled forward in double as
+// (the default step, and each step forced) next to a plain scaled forward in double as
 // hmmlearn writes it (for every target a sum over all sources, the row
 // normalised by its sum every frame, the logarithms of the scales added).
 // Counters: ns_per_frame, and ns_per_arc over the arcs each method
@@ -65,16 +65,16 @@ void setCounters(benchmark::State &state, double arcsPerFrame) {
       Counter(kFrames * arcsPerFrame, Counter::kIsIterationInvariantRate | Counter::kInvert);
 }
 
-void libraryForward(benchmark::State &state, ForwardTopology t, bool simd) {
+void libraryForward(benchmark::State &state, ForwardTopology t, xk::hmm::ForwardIsa isa) {
   const Model md(static_cast<int>(state.range(0)), t);
-  xk::hmm::setForwardSimd(simd);
+  xk::hmm::setForwardIsa(isa);
   for (auto _ : state) {
     int best = 0;
     const float cost = XKsEvalHMMForward(md.id, md.obs.data(), kFrames, &best);
     if (best != md.id) state.SkipWithError("forward failed");
     benchmark::DoNotOptimize(cost);
   }
-  xk::hmm::setForwardSimd(true);
+  xk::hmm::setForwardIsa(xk::hmm::ForwardIsa::Auto);
   setCounters(state, static_cast<double>(md.arcs));
 }
 
@@ -113,11 +113,16 @@ void sizes(benchmark::internal::Benchmark *b) {
   b->Unit(benchmark::kMicrosecond);
 }
 
-BENCHMARK_CAPTURE(libraryForward, general, ForwardTopology::General, true)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, general_portable, ForwardTopology::General, false)->Apply(sizes);
+using xk::hmm::ForwardIsa;
+BENCHMARK_CAPTURE(libraryForward, general, ForwardTopology::General, ForwardIsa::Auto)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, general_avx512, ForwardTopology::General, ForwardIsa::Avx512)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, general_avx2, ForwardTopology::General, ForwardIsa::Avx2)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, general_portable, ForwardTopology::General, ForwardIsa::Portable)->Apply(sizes);
 BENCHMARK_CAPTURE(plainLoop, general, ForwardTopology::General)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, bakis, ForwardTopology::Bakis, true)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, bakis_portable, ForwardTopology::Bakis, false)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, bakis, ForwardTopology::Bakis, ForwardIsa::Auto)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, bakis_avx512, ForwardTopology::Bakis, ForwardIsa::Avx512)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, bakis_avx2, ForwardTopology::Bakis, ForwardIsa::Avx2)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, bakis_portable, ForwardTopology::Bakis, ForwardIsa::Portable)->Apply(sizes);
 BENCHMARK_CAPTURE(plainLoop, bakis, ForwardTopology::Bakis)->Apply(sizes);
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Forward scoring against independent references: brute-force enumeration
 // of all state paths in long double on tiny models, a log-space dynamic
-// programme in double on larger ones, and the AVX2 step against the
-// portable one bit for bit. Models are exponential servers made by the
+// programme in double on larger ones, and the AVX2 and AVX-512 steps
+// against the portable one bit for bit. Models are exponential servers made by the
 // store; the larger ones are also scored through the kernels directly, to
 // compare the exact (S, scale count) pairs.
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ const int kTopologyBits[] = {0, HMM_SERVER_LEFT_RIGHT, HMM_SERVER_BAKIS};
 struct HmmForward : xkltest::ReportingTest {
   void TearDown() override {
     XKHMMFreeAll();
-    xk::hmm::setForwardSimd(true);
+    xk::hmm::setForwardIsa(xk::hmm::ForwardIsa::Auto);
     xkltest::ReportingTest::TearDown();
   }
 };
@@ -171,26 +171,39 @@ TEST_F(HmmForward, TinyModelsEqualPathEnumeration) {
       }
 }
 
-// Larger models: the log-space programme, and the AVX2 step giving the
-// portable step's bits. The relative error of the double recursion grows
-// by about N ulps a frame: 1000 x 64 x 2^-53 / ln 10 is below 1e-11.
+// Larger models: the log-space programme, and every vector step giving the
+// portable step's bits (forced, whatever the default picks for the size;
+// a step the processor lacks falls back and compares trivially). The
+// relative error of the double recursion grows by about N ulps a frame:
+// 150 x 64 x 2^-53 / ln 10 is below 1e-11. 100 or 150 frames lose some 400
+// to 600 bits, so every model is rescaled a few times; N = 128 runs
+// without the slow reference.
 TEST_F(HmmForward, LargeModelsEqualLogSpaceAndPathsAgree) {
+  using xk::hmm::ForwardIsa;
   std::mt19937 rng(11);
-  const struct { int n, T; } sizes[] = {{5, 300}, {10, 500}, {13, 1000}, {31, 200}, {64, 1000}};
+  std::vector<int> sizes;
+  for (int n = 1; n <= 40; ++n) sizes.push_back(n);
+  sizes.insert(sizes.end(), {64, 128});
   for (ForwardTopology topo : kTopologies)
-    for (auto [n, T] : sizes) {
+    for (int n : sizes) {
       const Model md = randomModel(topo, n, 16, rng);
       const int id = makeServer(md);
-      const auto obs = randomObs(T, 16, rng);
-      xk::hmm::ForwardScore portable, simd;
-      xk::hmm::setForwardSimd(false);
+      const auto obs = randomObs(n > 40 ? 100 : 150, 16, rng);
+      xk::hmm::ForwardScore portable;
+      xk::hmm::setForwardIsa(ForwardIsa::Portable);
       ASSERT_TRUE(kernelScore(id, obs, &portable));
-      xk::hmm::setForwardSimd(true);
-      ASSERT_TRUE(kernelScore(id, obs, &simd));
-      const double ref = logSpaceCost(md, obs);
-      EXPECT_NEAR(xk::hmm::forwardCost(portable), ref, 1e-11 * ref) << "topology " << int(topo) << " N=" << n;
-      EXPECT_EQ(simd.S, portable.S);
-      EXPECT_EQ(simd.scaleCount, portable.scaleCount);
+      if (n <= 64) {
+        const double ref = logSpaceCost(md, obs);
+        EXPECT_NEAR(xk::hmm::forwardCost(portable), ref, 1e-11 * ref) << "topology " << int(topo) << " N=" << n;
+      }
+      for (ForwardIsa isa : {ForwardIsa::Avx2, ForwardIsa::Avx512}) {
+        xk::hmm::ForwardScore simd;
+        xk::hmm::setForwardIsa(isa);
+        ASSERT_TRUE(kernelScore(id, obs, &simd));
+        EXPECT_EQ(simd.S, portable.S) << "topology " << int(topo) << " N=" << n << " isa " << int(isa);
+        EXPECT_EQ(simd.scaleCount, portable.scaleCount);
+      }
+      XKFreeHMMServer(id);
     }
 }
 
@@ -286,10 +299,13 @@ TEST_F(HmmForward, ContinuousServerEqualsPathEnumeration) {
         bt[t][j] += w[m] * std::exp(-0.5 * q);
       }
   }
-  int best = -1;
   // The mixtures are evaluated in float: about 1e-6 relative per density.
-  EXPECT_NEAR(XKsEvalContHMMForward(id, obs.data(), kT, &best), bruteForceCost(md, bt), 1e-5);
-  EXPECT_EQ(best, id);
+  for (auto isa : {xk::hmm::ForwardIsa::Portable, xk::hmm::ForwardIsa::Avx2, xk::hmm::ForwardIsa::Avx512}) {
+    xk::hmm::setForwardIsa(isa);
+    int best = -1;
+    EXPECT_NEAR(XKsEvalContHMMForward(id, obs.data(), kT, &best), bruteForceCost(md, bt), 1e-5) << int(isa);
+    EXPECT_EQ(best, id);
+  }
 }
 
 // The walk over a class: of equal members the lower id wins, a more
