@@ -18,8 +18,7 @@ void Normalizer::init(int dim, int mode, int window, bool variance) {
   // the row that leaves it is still needed when the next one arrives.
   if (mode == Sliding) ring_.init(dim, 2 * half_ + 2);
   sum_.assign(static_cast<size_t>(dim), 0.0);
-  sumSq_.assign(static_cast<size_t>(dim), 0.0);
-  out_.assign(static_cast<size_t>(dim), 0.0f);
+  sumSq_.assign(variance ? static_cast<size_t>(dim) : 0, 0.0);
   reset();
 }
 
@@ -30,62 +29,83 @@ void Normalizer::reset() {
   std::fill(sumSq_.begin(), sumSq_.end(), 0.0);
 }
 
-void Normalizer::add(const float *row, double sign) {
-  double *sum = sum_.data(), *sumSq = sumSq_.data();
-  if (sign > 0) {
+void Normalizer::add(const float *row) {
+  double *sum = sum_.data();
+  if (variance_) {
+    double *sumSq = sumSq_.data();
     for (int d = 0; d < dim_; ++d) {
       const double v = row[d];
       sum[d] += v;
       sumSq[d] += v * v;
     }
   } else {
+    for (int d = 0; d < dim_; ++d) sum[d] += static_cast<double>(row[d]);
+  }
+}
+
+void Normalizer::subtract(const float *row) {
+  double *sum = sum_.data();
+  if (variance_) {
+    double *sumSq = sumSq_.data();
     for (int d = 0; d < dim_; ++d) {
       const double v = row[d];
       sum[d] -= v;
       sumSq[d] -= v * v;
     }
+  } else {
+    for (int d = 0; d < dim_; ++d) sum[d] -= static_cast<double>(row[d]);
   }
 }
 
 // Normalises row `index` with the sums of rows lo_ .. count_-1.
 void Normalizer::emit(long index, RowSink &sink) {
-  const float *row = mode_ == Sliding
-                         ? ring_.row(index)
-                         : held_.data() + static_cast<size_t>(index) * static_cast<size_t>(dim_);
-  const double inverse = 1.0 / static_cast<double>(count_ - lo_);
-  for (int d = 0; d < dim_; ++d) {
-    const double mean = sum_[d] * inverse;
-    double value = row[d] - mean;
-    if (variance_) {
-      const double meanSq = sumSq_[d] * inverse;
+  const float *row = held(index);
+  // The window holds the same number of rows for most of the utterance.
+  if (count_ - lo_ != inverseOf_) {
+    inverseOf_ = count_ - lo_;
+    inverse_ = 1.0 / static_cast<double>(inverseOf_);
+  }
+  const double inverse = inverse_;
+  const double *sum = sum_.data();
+  float *out = sink.slot(index);
+  if (!variance_) {
+    for (int d = 0; d < dim_; ++d) out[d] = static_cast<float>(row[d] - sum[d] * inverse);
+  } else {
+    for (int d = 0; d < dim_; ++d) {
+      const double mean = sum[d] * inverse;
+      double value = row[d] - mean;
+      const double meanSq = sumSq_[static_cast<size_t>(d)] * inverse;
       const double var = meanSq - mean * mean;
       // Below this the spread is rounding noise of the sums: dividing by it
       // would blow the noise up, so the column is only centred.
       if (var > 1e-12 * meanSq) value /= std::sqrt(var);
+      out[d] = static_cast<float>(value);
     }
-    out_[static_cast<size_t>(d)] = static_cast<float>(value);
   }
-  sink.take(index, out_.data());
+  sink.take(index);
   emitted_ = index + 1;
 }
 
-void Normalizer::push(const float *row, RowSink &sink) {
-  if (mode_ == None) {
-    sink.take(count_++, row);
-    return;
-  }
+float *Normalizer::slot(RowSink &sink) {
+  if (mode_ == None) return sink.slot(count_);
   if (mode_ == Utterance) {
-    held_.insert(held_.end(), row, row + dim_);
-    add(row, 1.0);
-    ++count_;
+    held_.resize(static_cast<size_t>(count_ + 1) * static_cast<size_t>(dim_));
+    return held_.data() + static_cast<size_t>(count_) * static_cast<size_t>(dim_);
+  }
+  return ring_.row(count_);
+}
+
+void Normalizer::push(RowSink &sink) {
+  if (mode_ == None) {
+    sink.take(count_++);
     return;
   }
-  std::copy(row, row + dim_, ring_.row(count_));
-  add(row, 1.0);
+  add(held(count_));
   ++count_;
+  if (mode_ == Utterance) return;
   const long ready = count_ - 1 - half_;
   if (ready < 0) return;
-  for (; lo_ < ready - half_; ++lo_) add(ring_.row(lo_), -1.0);
+  for (; lo_ < ready - half_; ++lo_) subtract(ring_.row(lo_));
   emit(ready, sink);
 }
 
@@ -94,7 +114,7 @@ void Normalizer::finish(RowSink &sink) {
     for (long i = 0; i < count_; ++i) emit(i, sink);
   } else if (mode_ == Sliding) {
     for (long i = emitted_; i < count_; ++i) {
-      for (; lo_ < i - half_; ++lo_) add(ring_.row(lo_), -1.0);
+      for (; lo_ < i - half_; ++lo_) subtract(ring_.row(lo_));
       emit(i, sink);
     }
   }
@@ -102,10 +122,24 @@ void Normalizer::finish(RowSink &sink) {
 }
 
 void deltaRow(const float *const *taps, int dim, int window, float denominator, float *out) {
-  // Each column sums k (after - before) for k = 1 .. K in that order, then
-  // scales; the passes run along the row so that they vectorise.
+  // Each column sums k (after - before) for k = 1 .. K in that order, in
+  // float, then scales; the common half-widths run in one pass.
   const float inverse = 1.0f / denominator;
   float *__restrict o = out;
+  if (window == 1) {
+    const float *__restrict a1 = taps[2], *__restrict b1 = taps[0];
+    for (int d = 0; d < dim; ++d) o[d] = (a1[d] - b1[d]) * inverse;
+    return;
+  }
+  if (window == 2) {
+    const float *__restrict a1 = taps[3], *__restrict b1 = taps[1];
+    const float *__restrict a2 = taps[4], *__restrict b2 = taps[0];
+    for (int d = 0; d < dim; ++d) {
+      const float first = a1[d] - b1[d];
+      o[d] = (first + 2.0f * (a2[d] - b2[d])) * inverse;
+    }
+    return;
+  }
   {
     const float *__restrict after = taps[window + 1], *__restrict before = taps[window - 1];
     for (int d = 0; d < dim; ++d) o[d] = after[d] - before[d];
@@ -125,22 +159,24 @@ void Deltas::init(int dim, int window) {
   for (long k = 1; k <= window; ++k) sq += k * k;
   denominator_ = static_cast<float>(2 * sq);
   ring_.init(dim, 2 * window + 2);
-  out_.assign(static_cast<size_t>(dim), 0.0f);
   taps_.assign(static_cast<size_t>(2 * window + 1), nullptr);
   reset();
 }
 
 // Row `index` with the rows 0 .. last known; indices beyond are clamped.
 void Deltas::emit(long index, long last, RowSink &sink) {
-  for (int k = -window_; k <= window_; ++k)
-    taps_[static_cast<size_t>(k + window_)] = ring_.row(std::clamp(index + k, 0L, last));
-  deltaRow(taps_.data(), dim_, window_, denominator_, out_.data());
-  sink.take(index, out_.data());
+  const float **taps = taps_.data();
+  if (index >= window_ && index + window_ <= last) {
+    for (int k = -window_; k <= window_; ++k) taps[k + window_] = ring_.row(index + k);
+  } else {
+    for (int k = -window_; k <= window_; ++k) taps[k + window_] = ring_.row(std::clamp(index + k, 0L, last));
+  }
+  deltaRow(taps, dim_, window_, denominator_, sink.slot(index));
+  sink.take(index);
   emitted_ = index + 1;
 }
 
-void Deltas::push(const float *row, RowSink &sink) {
-  std::copy(row, row + dim_, ring_.row(count_));
+void Deltas::push(RowSink &sink) {
   ++count_;
   const long ready = count_ - 1 - window_;
   if (ready >= 0) emit(ready, count_ - 1, sink);
@@ -161,9 +197,8 @@ namespace {
 struct MatrixSink final : RowSink {
   float *dst;
   int dim;
-  void take(long index, const float *row) override {
-    std::copy(row, row + dim, dst + static_cast<size_t>(index) * static_cast<size_t>(dim));
-  }
+  float *slot(long index) override { return dst + static_cast<size_t>(index) * static_cast<size_t>(dim); }
+  void take(long) override {}
 };
 
 }  // namespace
@@ -181,8 +216,11 @@ int xkl_deltas(const float *in, int frames, int dim, int window, float *out) {
     MatrixSink sink;
     sink.dst = out;
     sink.dim = dim;
-    for (int t = 0; t < frames; ++t)
-      deltas.push(in + static_cast<size_t>(t) * static_cast<size_t>(dim), sink);
+    for (int t = 0; t < frames; ++t) {
+      const float *row = in + static_cast<size_t>(t) * static_cast<size_t>(dim);
+      std::copy(row, row + dim, deltas.slot());
+      deltas.push(sink);
+    }
     deltas.finish(sink);
   } catch (const std::bad_alloc &) {
     return fail(XK_StsNoMem, "xkl_deltas: out of memory");
@@ -202,13 +240,16 @@ int xkl_normalize(float *features, int frames, int dim, int mode, int window, in
   try {
     Normalizer norm;
     norm.init(dim, mode, window, variance != 0);
-  // The stage copies each row as it arrives, so writing finished rows back
-  // in place never changes what the sums see.
+    // The stage copies each row as it arrives, so writing finished rows back
+    // in place never changes what the sums see.
     MatrixSink sink;
     sink.dst = features;
     sink.dim = dim;
-    for (int t = 0; t < frames; ++t)
-      norm.push(features + static_cast<size_t>(t) * static_cast<size_t>(dim), sink);
+    for (int t = 0; t < frames; ++t) {
+      const float *row = features + static_cast<size_t>(t) * static_cast<size_t>(dim);
+      std::copy(row, row + dim, norm.slot(sink));
+      norm.push(sink);
+    }
     norm.finish(sink);
   } catch (const std::bad_alloc &) {
     return fail(XK_StsNoMem, "xkl_normalize: out of memory");

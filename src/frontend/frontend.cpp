@@ -128,7 +128,6 @@ struct xkl_frontend {
   std::vector<short> work16;      // 2^fft_order 16-bit frame
   std::vector<float> ceps;
   std::vector<short> ceps16;
-  std::vector<float> statics;
 
   Normalizer norm;
   Deltas delta1, delta2;
@@ -137,18 +136,42 @@ struct xkl_frontend {
   size_t outRead = 0;      // floats of `out` already pulled
   size_t outEnd = 0;       // floats of `out` written (out.size() is its capacity)
 
-  // Stage links.
+  // Stage links: where each stage writes its rows, and what follows.
+  float *outRow = nullptr;  // the output row being filled
   struct ToDeltas final : RowSink {
     xkl_frontend *fe;
-    void take(long, const float *row) override { fe->afterNorm(row); }
+    float *slot(long) override {
+      return fe->cfg.deltas == 0 ? fe->nextOutput() : fe->delta1.slot();
+    }
+    void take(long) override {
+      if (fe->cfg.deltas != 0) fe->delta1.push(fe->toDeltaDeltas);
+    }
   } toDeltas;
   struct ToDeltaDeltas final : RowSink {
     xkl_frontend *fe;
-    void take(long index, const float *row) override { fe->afterDelta(index, row); }
+    float *slot(long) override {
+      if (fe->cfg.deltas == 2) return fe->delta2.slot();
+      fe->outRow = fe->nextOutput();
+      return fe->outRow + fe->nStatics;
+    }
+    void take(long index) override {
+      if (fe->cfg.deltas == 2)
+        fe->delta2.push(fe->toOutput);
+      else
+        fe->copyStatics(index, fe->outRow);
+    }
   } toDeltaDeltas;
   struct ToOutput final : RowSink {
     xkl_frontend *fe;
-    void take(long index, const float *row) override { fe->afterDeltaDelta(index, row); }
+    float *slot(long) override {
+      fe->outRow = fe->nextOutput();
+      return fe->outRow + 2 * fe->nStatics;
+    }
+    void take(long index) override {
+      fe->copyStatics(index, fe->outRow);
+      const float *d = fe->delta2.input(index);
+      std::copy(d, d + fe->nStatics, fe->outRow + fe->nStatics);
+    }
   } toOutput;
 
   // Room for one more frame at the end of the queue (grown by doubling).
@@ -159,27 +182,10 @@ struct xkl_frontend {
     outEnd += static_cast<size_t>(dim);
     return out.data() + at;
   }
-
-  void afterNorm(const float *row) {
-    if (cfg.deltas == 0)
-      std::copy(row, row + dim, nextOutput());
-    else
-      delta1.push(row, toDeltaDeltas);
-  }
-  void afterDelta(long index, const float *delta) {
-    if (cfg.deltas == 1) {
-      float *o = nextOutput();
-      std::copy(delta1.input(index), delta1.input(index) + nStatics, o);
-      std::copy(delta, delta + nStatics, o + nStatics);
-    } else {
-      delta2.push(delta, toOutput);
-    }
-  }
-  void afterDeltaDelta(long index, const float *dd) {
-    float *o = nextOutput();
-    std::copy(delta1.input(index), delta1.input(index) + nStatics, o);
-    std::copy(delta2.input(index), delta2.input(index) + nStatics, o + nStatics);
-    std::copy(dd, dd + nStatics, o + 2 * nStatics);
+  // The normalised statics of frame `index`, still held by the deltas.
+  void copyStatics(long index, float *o) const {
+    const float *s = delta1.input(index);
+    std::copy(s, s + nStatics, o);
   }
 
   // `quiet` is the caller's guard: the library's reports of this call go
@@ -244,7 +250,7 @@ int xkl_frontend::computeFrame(const float *samples, int count, const xk::QuietR
   if (quiet.failed())
     return fail(quiet.status(), "feature extraction failed: %s", quiet.text());
 
-  float *s = statics.data();
+  float *s = norm.slot(toDeltas);
   const float *c = ceps.data();
   switch (cfg.energy) {
     case XKL_ENERGY_NONE: std::copy(c + 1, c + 1 + nStatics, s); break;
@@ -254,7 +260,7 @@ int xkl_frontend::computeFrame(const float *samples, int count, const xk::QuietR
       std::copy(c + 1, c + nStatics, s + 1);
       break;
   }
-  norm.push(s, toDeltas);
+  norm.push(toDeltas);
   ++framesDone;
   return 0;
 }
@@ -388,7 +394,6 @@ int setUp(xkl_frontend &fe) {
   fe.work16.assign(static_cast<size_t>(fftLen), 0);
   fe.ceps.assign(static_cast<size_t>(fe.nInternal), 0.0f);
   fe.ceps16.assign(static_cast<size_t>(fe.nInternal), 0);
-  fe.statics.assign(static_cast<size_t>(fe.nStatics), 0.0f);
   fe.pending.reserve(static_cast<size_t>(len));
 
   fe.norm.init(fe.nStatics, c.cmn, c.cmn_window, c.cvn != 0);
