@@ -1,6 +1,7 @@
 // The streaming front end: framing, per-frame features through the
-// library's own pre-emphasis, cepstrum and lifter functions, then the
-// cross-frame stages (normalisation, deltas) and a queue of finished frames.
+// library's own pre-emphasis and cepstrum functions (and its lifter weights),
+// then the cross-frame stages (normalisation, deltas) and a queue of finished
+// frames.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -127,6 +128,7 @@ struct xkl_frontend {
   std::vector<float> work;        // 2^fft_order float frame
   std::vector<short> work16;      // 2^fft_order 16-bit frame
   std::vector<float> ceps;
+  std::vector<double> lift;       // float path: the lifter's weights (empty: none)
   std::vector<short> ceps16;
 
   Normalizer norm;
@@ -209,7 +211,6 @@ int xkl_frontend::computeFrame(const float *samples, int count, const xk::QuietR
     const float *win = window.data();
     for (int i = 0; i < len; ++i) w[i] *= win[i];
     XKsCepstralMFCC(bank, w, ceps.data(), nInternal, cfg.floor, flags);
-    if (cfg.lifter > 0) XKsLiftering(ceps.data(), nInternal, cfg.lifter);
   } else {
     short *w = work16.data();
     for (int i = 0; i < count; ++i) w[i] = static_cast<short>(samples[i]);
@@ -250,15 +251,21 @@ int xkl_frontend::computeFrame(const float *samples, int count, const xk::QuietR
   if (quiet.failed())
     return fail(quiet.status(), "feature extraction failed: %s", quiet.text());
 
+  // Statics: c1 .. cC without energy, else c0 or the log energy first. The
+  // float path lifters them here, as they are copied (the 16-bit path has
+  // done so on its own scale).
   float *s = norm.slot(toDeltas);
-  const float *c = ceps.data();
-  switch (cfg.energy) {
-    case XKL_ENERGY_NONE: std::copy(c + 1, c + 1 + nStatics, s); break;
-    case XKL_ENERGY_C0: std::copy(c, c + nStatics, s); break;
-    default:
-      s[0] = static_cast<float>(std::log(std::max(energy, static_cast<double>(cfg.floor))));
-      std::copy(c + 1, c + nStatics, s + 1);
-      break;
+  const float *c = ceps.data() + (cfg.energy == XKL_ENERGY_NONE ? 1 : 0);
+  int j = 0;
+  if (cfg.energy == XKL_ENERGY_LOG) {
+    s[0] = static_cast<float>(std::log(std::max(energy, static_cast<double>(cfg.floor))));
+    j = 1;
+  }
+  if (!lift.empty()) {
+    const double *weight = lift.data() + (cfg.energy == XKL_ENERGY_NONE ? 1 : 0);
+    for (; j < nStatics; ++j) s[j] = static_cast<float>(c[j] * weight[j]);
+  } else {
+    for (; j < nStatics; ++j) s[j] = c[j];
   }
   norm.push(toDeltas);
   ++framesDone;
@@ -393,6 +400,14 @@ int setUp(xkl_frontend &fe) {
   fe.work.assign(static_cast<size_t>(fftLen), 0.0f);
   fe.work16.assign(static_cast<size_t>(fftLen), 0);
   fe.ceps.assign(static_cast<size_t>(fe.nInternal), 0.0f);
+  // The weights of XKsLiftering, 1 + (L/2) sin(pi i / L), computed as it
+  // computes them, so that lifting while copying gives its bits.
+  fe.lift.clear();
+  if (!fe.fixed && c.lifter > 0) {
+    const double half = c.lifter / 2.0;
+    for (int i = 0; i < fe.nInternal; ++i)
+      fe.lift.push_back(1.0 + half * std::sin(pi * static_cast<double>(i) / c.lifter));
+  }
   fe.ceps16.assign(static_cast<size_t>(fe.nInternal), 0);
   fe.pending.reserve(static_cast<size_t>(len));
 
