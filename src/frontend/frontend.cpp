@@ -10,6 +10,7 @@
 
 #include "frame/last_error.h"
 #include "frontend/dynamics.h"
+#include "frontend/framing.h"
 #include "xkl.h"
 
 using xk::fail;
@@ -126,6 +127,7 @@ struct xkl_frontend {
   std::vector<float> window;      // float window
   std::vector<short> windowQ15;   // the same with 15 fraction bits
   std::vector<float> work;        // 2^fft_order float frame
+  std::vector<float> padded;      // the zero-padded last frame's samples
   std::vector<short> work16;      // 2^fft_order 16-bit frame
   std::vector<float> ceps;
   std::vector<double> lift;       // float path: the lifter's weights (empty: none)
@@ -204,12 +206,16 @@ int xkl_frontend::computeFrame(const float *samples, int count, const xk::QuietR
   double energy = 0.0;
   if (!fixed) {
     float *w = work.data();
-    std::copy(samples, samples + count, w);
-    std::fill(w + count, w + fftLen, 0.0f);
-    if (cfg.energy == XKL_ENERGY_LOG) energy = kfxsDotProd(w, w, len);
-    if (cfg.preemphasis != 0.0f) XKsPreemphasize(w, cfg.preemphasis, len);
-    const float *win = window.data();
-    for (int i = 0; i < len; ++i) w[i] *= win[i];
+    const bool wantEnergy = cfg.energy == XKL_ENERGY_LOG;
+    // The FFT's zero tail beyond the frame is set once: nothing writes it.
+    if (count < len) {
+      // The padded last frame: its zeros take part in every stage.
+      float *p = padded.data();
+      std::copy(samples, samples + count, p);
+      std::fill(p + count, p + len, 0.0f);
+      samples = p;
+    }
+    energy = prepareFrame(samples, len, cfg.preemphasis, window.data(), w, wantEnergy);
     XKsCepstralMFCC(bank, w, ceps.data(), nInternal, cfg.floor, flags);
   } else {
     short *w = work16.data();
@@ -398,6 +404,7 @@ int setUp(xkl_frontend &fe) {
         static_cast<short>(std::min(32767.0, std::round(w * 32768.0)));
   }
   fe.work.assign(static_cast<size_t>(fftLen), 0.0f);
+  fe.padded.assign(static_cast<size_t>(len), 0.0f);
   fe.work16.assign(static_cast<size_t>(fftLen), 0);
   fe.ceps.assign(static_cast<size_t>(fe.nInternal), 0.0f);
   // The weights of XKsLiftering, 1 + (L/2) sin(pi i / L), computed as it
