@@ -16,7 +16,10 @@ namespace {
 
 std::atomic<bool> simdOff{false};
 
-bool useSimd() { return cpuHasAvx2Fma() && !simdOff.load(std::memory_order_relaxed); }
+bool useSimd() {
+  static const bool available = cpuHasAvx2Fma();  // asked once
+  return available && !simdOff.load(std::memory_order_relaxed);
+}
 
 double preparePortable(const float *x, int n, float alpha, const float *win, float *w, bool energy) {
   const double sum = energy ? kfxsDotProd(x, x, n) : 0.0;
