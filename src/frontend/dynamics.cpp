@@ -95,9 +95,37 @@ float *Normalizer::slot(RowSink &sink) {
   return ring_.row(count_);
 }
 
+// The sliding window's usual step without the variance, in one pass: row
+// count_ enters, row lo_ leaves and row count_ - half_ is emitted, with each
+// column's operations in the order of add, subtract and emit.
+void Normalizer::slide(RowSink &sink) {
+  const long ready = count_ - half_;
+  const float *in = ring_.row(count_), *leaving = ring_.row(lo_), *row = ring_.row(ready);
+  ++count_;
+  ++lo_;
+  if (count_ - lo_ != inverseOf_) {
+    inverseOf_ = count_ - lo_;
+    inverse_ = 1.0 / static_cast<double>(inverseOf_);
+  }
+  const double inverse = inverse_;
+  double *sum = sum_.data();
+  float *__restrict out = sink.slot(ready);
+  for (int d = 0; d < dim_; ++d) {
+    const double s = (sum[d] + static_cast<double>(in[d])) - static_cast<double>(leaving[d]);
+    sum[d] = s;
+    out[d] = static_cast<float>(row[d] - s * inverse);
+  }
+  sink.take(ready);
+  emitted_ = ready + 1;
+}
+
 void Normalizer::push(RowSink &sink) {
   if (mode_ == None) {
     sink.take(count_++);
+    return;
+  }
+  if (mode_ == Sliding && !variance_ && count_ >= 2 * half_ + 1) {
+    slide(sink);
     return;
   }
   add(held(count_));

@@ -72,6 +72,7 @@ class Normalizer {
   void add(const float *row);
   void subtract(const float *row);
   void emit(long index, RowSink &sink);
+  void slide(RowSink &sink);
 
   int dim_ = 0, mode_ = None, half_ = 0;
   bool variance_ = false;

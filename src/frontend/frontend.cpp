@@ -207,7 +207,8 @@ int xkl_frontend::computeFrame(const float *samples, int count, const xk::QuietR
   if (!fixed) {
     float *w = work.data();
     const bool wantEnergy = cfg.energy == XKL_ENERGY_LOG;
-    // The FFT's zero tail beyond the frame is set once: nothing writes it.
+    // The FFT's zero tail beyond the frame is set once: the cepstrum only
+    // reads a time-domain input, and frames write the first `len` samples.
     if (count < len) {
       // The padded last frame: its zeros take part in every stage.
       float *p = padded.data();
