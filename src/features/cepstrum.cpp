@@ -346,11 +346,9 @@ XKL_API void XKsLiftering(float *ceps, int n, int L) {
   thread_local int cachedL = 0;
   thread_local std::vector<double> weights;
   if (cachedL != L || weights.size() < static_cast<size_t>(n)) {
-    const double half = L / 2.0, pi = 3.14159265358979323846;
     const size_t have = cachedL == L ? weights.size() : 0;
     weights.resize(std::max(weights.size(), static_cast<size_t>(n)));
-    for (size_t i = have; i < weights.size(); ++i)
-      weights[i] = 1.0 + half * std::sin(pi * static_cast<double>(i) / L);
+    for (size_t i = have; i < weights.size(); ++i) weights[i] = xk::features::lifterWeight(L, static_cast<int>(i));
     cachedL = L;
   }
   for (int i = 0; i < n; ++i) ceps[i] = static_cast<float>(ceps[i] * weights[static_cast<size_t>(i)]);

@@ -2,6 +2,8 @@
 // kernel-status handling and the vectorised element loops of the cepstrum.
 #pragma once
 
+#include <cmath>
+
 #include <cstddef>
 
 #include "frame/context.h"
@@ -22,6 +24,14 @@ inline constexpr const char *kModCeps = "XK_CEPS";
 // is not mistaken for a failure of this call; a failure of this call stays
 // visible through kfxGetStatus afterwards.
 inline void clearKernelStatus() { kfxSetStatus(KFX_StsOk); }
+
+// Weight i of the sine lifter of length L: 1 + (L/2) sin(pi i / L), in
+// double. XKsLiftering and the front end both use it, so they agree bit for
+// bit.
+inline double lifterWeight(int L, int i) {
+  const double half = L / 2.0, pi = 3.14159265358979323846;
+  return 1.0 + half * std::sin(pi * static_cast<double>(i) / L);
+}
 inline bool kernelFailed() { return kfxGetStatus() < 0; }
 
 // Natural logarithm of v[0..n-1] in place. Positive normal values go through

@@ -8,6 +8,7 @@
 #include <new>
 #include <vector>
 
+#include "features/features_internal.h"
 #include "frame/last_error.h"
 #include "frontend/dynamics.h"
 #include "frontend/framing.h"
@@ -408,14 +409,10 @@ int setUp(xkl_frontend &fe) {
   fe.padded.assign(static_cast<size_t>(len), 0.0f);
   fe.work16.assign(static_cast<size_t>(fftLen), 0);
   fe.ceps.assign(static_cast<size_t>(fe.nInternal), 0.0f);
-  // The weights of XKsLiftering, 1 + (L/2) sin(pi i / L), computed as it
-  // computes them, so that lifting while copying gives its bits.
+  // The weights of XKsLiftering, so that lifting while copying gives its bits.
   fe.lift.clear();
-  if (!fe.fixed && c.lifter > 0) {
-    const double half = c.lifter / 2.0;
-    for (int i = 0; i < fe.nInternal; ++i)
-      fe.lift.push_back(1.0 + half * std::sin(pi * static_cast<double>(i) / c.lifter));
-  }
+  if (!fe.fixed && c.lifter > 0)
+    for (int i = 0; i < fe.nInternal; ++i) fe.lift.push_back(xk::features::lifterWeight(c.lifter, i));
   fe.ceps16.assign(static_cast<size_t>(fe.nInternal), 0);
   fe.pending.reserve(static_cast<size_t>(len));
 
