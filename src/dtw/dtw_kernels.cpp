@@ -106,44 +106,28 @@ XKL_INLINE_AVX2 __m256d finish256(__m256d acc) {
   return _mm256_sqrt_pd(acc);
 }
 
+// The distances of cells j .. j + 4K - 1, K accumulators of four lanes.
+template <bool L1, int K>
+XKL_INLINE_AVX2 void block256(const double *x, const double *ref, int64_t ld, int dim, int j, double *out) {
+  __m256d a[K];
+  for (int q = 0; q < K; ++q) a[q] = _mm256_setzero_pd();
+  const double *r = ref + j;
+  for (int k = 0; k < dim; ++k, r += ld) {
+    const __m256d xk = _mm256_broadcast_sd(x + k);
+    for (int q = 0; q < K; ++q) a[q] = term256<L1>(xk, r + 4 * q, a[q]);
+  }
+  for (int q = 0; q < K; ++q) _mm256_storeu_pd(out + j + 4 * q, finish256<L1>(a[q]));
+}
+
 // Cells j0.. in blocks of 16, then of 8 and 4 (the last block may run up to
 // 4 cells past j1).
 template <bool L1>
 __attribute__((target("avx2"))) void distancesAvx2(const double *x, const double *ref, int64_t ld, int dim,
                                                    int j0, int j1, double *out) {
   int j = j0;
-  for (; j + 11 <= j1; j += 16) {
-    __m256d a0 = _mm256_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
-    const double *r = ref + j;
-    for (int k = 0; k < dim; ++k, r += ld) {
-      const __m256d xk = _mm256_broadcast_sd(x + k);
-      a0 = term256<L1>(xk, r, a0);
-      a1 = term256<L1>(xk, r + 4, a1);
-      a2 = term256<L1>(xk, r + 8, a2);
-      a3 = term256<L1>(xk, r + 12, a3);
-    }
-    _mm256_storeu_pd(out + j, finish256<L1>(a0));
-    _mm256_storeu_pd(out + j + 4, finish256<L1>(a1));
-    _mm256_storeu_pd(out + j + 8, finish256<L1>(a2));
-    _mm256_storeu_pd(out + j + 12, finish256<L1>(a3));
-  }
-  for (; j + 3 <= j1; j += 8) {
-    __m256d a0 = _mm256_setzero_pd(), a1 = a0;
-    const double *r = ref + j;
-    for (int k = 0; k < dim; ++k, r += ld) {
-      const __m256d xk = _mm256_broadcast_sd(x + k);
-      a0 = term256<L1>(xk, r, a0);
-      a1 = term256<L1>(xk, r + 4, a1);
-    }
-    _mm256_storeu_pd(out + j, finish256<L1>(a0));
-    _mm256_storeu_pd(out + j + 4, finish256<L1>(a1));
-  }
-  if (j <= j1) {
-    __m256d a0 = _mm256_setzero_pd();
-    const double *r = ref + j;
-    for (int k = 0; k < dim; ++k, r += ld) a0 = term256<L1>(_mm256_broadcast_sd(x + k), r, a0);
-    _mm256_storeu_pd(out + j, finish256<L1>(a0));
-  }
+  for (; j + 11 <= j1; j += 16) block256<L1, 4>(x, ref, ld, dim, j, out);
+  for (; j + 3 <= j1; j += 8) block256<L1, 2>(x, ref, ld, dim, j, out);
+  if (j <= j1) block256<L1, 1>(x, ref, ld, dim, j, out);
 }
 
 // GCC 12 warns inside its own AVX-512 intrinsics (an "undefined"
@@ -167,48 +151,30 @@ XKL_INLINE_AVX512 __m512d finish512(__m512d acc) {
   return _mm512_sqrt_pd(acc);
 }
 
+// The distances of cells j .. j + 8K - 1, K accumulators of eight lanes.
+template <bool L1, int K>
+XKL_INLINE_AVX512 void block512(const double *x, const double *ref, int64_t ld, int dim, int j, double *out) {
+  __m512d a[K];
+  for (int q = 0; q < K; ++q) a[q] = _mm512_setzero_pd();
+  const double *r = ref + j;
+  for (int k = 0; k < dim; ++k, r += ld) {
+    const __m512d xk = _mm512_set1_pd(x[k]);
+    for (int q = 0; q < K; ++q) a[q] = term512<L1>(xk, r + 8 * q, a[q]);
+  }
+  for (int q = 0; q < K; ++q) _mm512_storeu_pd(out + j + 8 * q, finish512<L1>(a[q]));
+}
+
 // Cells j0.. in blocks of 32, then of 16 and 8 (up to 8 cells past j1).
 template <bool L1>
 __attribute__((target("avx512f,avx2"))) void distancesAvx512(const double *x, const double *ref, int64_t ld, int dim,
                                                         int j0, int j1, double *out) {
   int j = j0;
-  for (; j + 23 <= j1; j += 32) {
-    __m512d a0 = _mm512_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
-    const double *r = ref + j;
-    for (int k = 0; k < dim; ++k, r += ld) {
-      const __m512d xk = _mm512_set1_pd(x[k]);
-      a0 = term512<L1>(xk, r, a0);
-      a1 = term512<L1>(xk, r + 8, a1);
-      a2 = term512<L1>(xk, r + 16, a2);
-      a3 = term512<L1>(xk, r + 24, a3);
-    }
-    _mm512_storeu_pd(out + j, finish512<L1>(a0));
-    _mm512_storeu_pd(out + j + 8, finish512<L1>(a1));
-    _mm512_storeu_pd(out + j + 16, finish512<L1>(a2));
-    _mm512_storeu_pd(out + j + 24, finish512<L1>(a3));
-  }
-  for (; j + 7 <= j1; j += 16) {
-    __m512d a0 = _mm512_setzero_pd(), a1 = a0;
-    const double *r = ref + j;
-    for (int k = 0; k < dim; ++k, r += ld) {
-      const __m512d xk = _mm512_set1_pd(x[k]);
-      a0 = term512<L1>(xk, r, a0);
-      a1 = term512<L1>(xk, r + 8, a1);
-    }
-    _mm512_storeu_pd(out + j, finish512<L1>(a0));
-    _mm512_storeu_pd(out + j + 8, finish512<L1>(a1));
-  }
-  if (j + 4 <= j1) {
-    __m512d a0 = _mm512_setzero_pd();
-    const double *r = ref + j;
-    for (int k = 0; k < dim; ++k, r += ld) a0 = term512<L1>(_mm512_set1_pd(x[k]), r, a0);
-    _mm512_storeu_pd(out + j, finish512<L1>(a0));
-  } else if (j <= j1) {  // up to 4 cells left: half the work of a full vector
-    __m256d a0 = _mm256_setzero_pd();
-    const double *r = ref + j;
-    for (int k = 0; k < dim; ++k, r += ld) a0 = term256<L1>(_mm256_broadcast_sd(x + k), r, a0);
-    _mm256_storeu_pd(out + j, finish256<L1>(a0));
-  }
+  for (; j + 23 <= j1; j += 32) block512<L1, 4>(x, ref, ld, dim, j, out);
+  for (; j + 7 <= j1; j += 16) block512<L1, 2>(x, ref, ld, dim, j, out);
+  if (j + 4 <= j1)
+    block512<L1, 1>(x, ref, ld, dim, j, out);
+  else if (j <= j1)  // up to 4 cells left: half the work of a full vector
+    block256<L1, 1>(x, ref, ld, dim, j, out);
 }
 
 // The inner frame eight cells at a time, from the top of the band down:
