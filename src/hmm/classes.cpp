@@ -122,13 +122,7 @@ void freeAllClasses() {
 }
 
 HmmClass *findClass(int classId) {
-  if (!tablesReady() || classId < 1) return nullptr;
-  HmmClass *head = classSentinel();
-  for (HmmClass *c = head->next; c != head; c = c->next) {
-    if (c->id == classId) return c;
-    if (c->id > classId) break;
-  }
-  return nullptr;
+  return tablesReady() && classId >= 1 ? findSorted(classSentinel(), classId) : nullptr;
 }
 
 void classRewind(HmmClass *c) { c->state |= kNotStarted; }

@@ -8,6 +8,15 @@ namespace xk::hmm {
 // fails (the tables then stay unmade).
 bool makeTables();
 
+// The record with `id` in a circular list sorted by id (servers or classes),
+// or null: the walk stops at the first larger id.
+template <class Record>
+Record *findSorted(Record *head, int id) {
+  for (Record *r = head->next; r != head && r->id <= id; r = r->next)
+    if (r->id == id) return r;
+  return nullptr;
+}
+
 void *newClassSentinel();
 void freeClassSentinel(void *sentinel);
 void removeFromAllClasses(int id);

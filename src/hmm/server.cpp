@@ -340,13 +340,7 @@ int initContinuous(void **A, void *pi, mixture_description **mix, int N, int nQu
 bool tablesReady() { return (tables().flags & kTablesReady) != 0; }
 
 Server *findServer(int id) {
-  if (!tablesReady() || id < 1) return nullptr;
-  Server *head = sentinel();
-  for (Server *s = head->next; s != head; s = s->next) {
-    if (s->id == id) return s;
-    if (s->id > id) break;
-  }
-  return nullptr;
+  return tablesReady() && id >= 1 ? findSorted(sentinel(), id) : nullptr;
 }
 
 bool getServer(int id, ServerView *view) {
