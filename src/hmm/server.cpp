@@ -136,74 +136,107 @@ void forEachSlot(int N, unsigned status, Slot slot, Pad pad) {
   }
 }
 
+// How one type's matrices are stored: the caller's element In, the stored
+// Slot, the slot of a caller value and back, the padding words, the row
+// padding, and the caller's value of an entry that is not stored.
+struct FloatPacking {
+  using In = float;
+  using Slot = float;
+  bool log;
+  Slot slot(In v) const { return v; }
+  In value(Slot v) const { return v; }
+  Slot pad() const { return kLargest; }
+  Slot pad2() const { return kLargest; }
+  std::int64_t row(int n) const { return pad4(n); }
+  In none() const { return log ? kLargest : 0.0f; }
+};
+struct FixedPacking {
+  using In = short;
+  using Slot = std::int32_t;
+  bool log;
+  Slot slot(In v) const { return widen(v, log); }
+  In value(Slot v) const { return narrow(v, log); }
+  Slot pad() const { return log ? kW32Impossible : 0; }
+  Slot pad2() const { return log ? kW32Pad : 0; }
+  std::int64_t row(int n) const { return padEven(n); }
+  In none() const { return log ? 32767 : 0; }
+};
+
+// Calls f(packing) with the packing of a server's type.
+template <class F>
+auto withPacking(unsigned status, F f) {
+  return isFloat(status) ? f(FloatPacking{isLog(status)}) : f(FixedPacking{isLog(status)});
+}
+
+// A block of n slots (a tail of kTransSlack included) filled with padding.
+template <class P>
+typename P::Slot *paddedBlock(const P &p, std::int64_t offset, std::int64_t n, void **block) {
+  *block = allocBytes(offset + n * 4);
+  if (*block == nullptr) return nullptr;
+  auto *d = reinterpret_cast<typename P::Slot *>(static_cast<char *>(*block) + offset);
+  std::fill(d, d + n, p.pad());
+  return d;
+}
+
 // Discrete outputs: M row pointers, then M rows of the N states' values
-// (float: padded to Npad; w: 32-bit slots padded to even), then a tail
-// that lets kernels read a whole vector past the last row.
-void *packOutputs(void **B, int N, int M, unsigned status) {
-  const bool fl = isFloat(status), log = isLog(status);
-  const std::int64_t row = fl ? pad4(N) : padEven(N);
+// padded by type, then a tail that lets kernels read a whole vector past
+// the last row.
+template <class P>
+void *packOutputs(const P &p, void **B, int N, int M) {
+  const std::int64_t row = p.row(N);
   const std::int64_t table = (static_cast<std::int64_t>(M) * 8 + 31) & ~std::int64_t{31};
-  void *block = allocBytes(table + (row * M + kTransSlack) * 4);
-  if (block == nullptr) return nullptr;
-  auto **rows = static_cast<void **>(block);
-  auto *data = reinterpret_cast<char *>(block) + table;
-  if (fl) {
-    auto *d = reinterpret_cast<float *>(data);
-    std::fill(d, d + row * M + kTransSlack, kLargest);
-    auto **b = reinterpret_cast<float **>(B);
-    for (int k = 0; k < M; ++k) {
-      rows[k] = d + row * k;
-      for (int i = 0; i < N; ++i) d[row * k + i] = b[i][k];
-    }
-  } else {
-    auto *d = reinterpret_cast<std::int32_t *>(data);
-    std::fill(d, d + row * M + kTransSlack, log ? kW32Impossible : 0);
-    auto **b = reinterpret_cast<short **>(B);
-    for (int k = 0; k < M; ++k) {
-      rows[k] = d + row * k;
-      for (int i = 0; i < N; ++i) d[row * k + i] = widen(b[i][k], log);
-    }
+  void *block;
+  auto *d = paddedBlock(p, table, row * M + kTransSlack, &block);
+  if (d == nullptr) return nullptr;
+  auto **b = reinterpret_cast<typename P::In **>(B);
+  for (int k = 0; k < M; ++k) {
+    static_cast<void **>(block)[k] = d + row * k;
+    for (int i = 0; i < N; ++i) d[row * k + i] = p.slot(b[i][k]);
   }
   return block;
 }
 
-void *packInitial(void *pi, int N, unsigned status) {
-  const bool fl = isFloat(status), log = isLog(status);
-  const std::int64_t n = (fl ? pad4(N) : padEven(N)) + kTransSlack;
-  void *block = allocBytes(n * 4);
-  if (block == nullptr) return nullptr;
-  if (fl) {
-    auto *d = static_cast<float *>(block);
-    std::fill(d, d + n, kLargest);
-    std::memcpy(d, pi, static_cast<std::size_t>(N) * sizeof(float));
-  } else {
-    auto *d = static_cast<std::int32_t *>(block);
-    std::fill(d, d + n, log ? kW32Impossible : 0);
-    for (int i = 0; i < N; ++i) d[i] = widen(static_cast<short *>(pi)[i], log);
-  }
+template <class P>
+void *packInitial(const P &p, void *pi, int N) {
+  void *block;
+  auto *d = paddedBlock(p, 0, p.row(N) + kTransSlack, &block);
+  if (d == nullptr) return nullptr;
+  for (int i = 0; i < N; ++i) d[i] = p.slot(static_cast<typename P::In *>(pi)[i]);
   return block;
 }
 
-void *packTransitionArray(void **A, int N, unsigned status) {
-  const std::int64_t n = transEntries(N, status) + kTransSlack;
-  void *block = allocBytes(n * 4);
-  if (block == nullptr) return nullptr;
-  const bool log = isLog(status);
-  if (isFloat(status)) {
-    auto *d = static_cast<float *>(block);
-    std::fill(d, d + n, kLargest);
-    auto **a = reinterpret_cast<float **>(A);
-    forEachSlot(N, status, [=](std::int64_t k, int i, int j) { d[k] = a[i][j]; }, [](std::int64_t, bool) {});
-  } else {
-    auto *d = static_cast<std::int32_t *>(block);
-    const std::int32_t pad = log ? kW32Impossible : 0, pad2 = log ? kW32Pad : 0;
-    std::fill(d, d + n, pad);
-    auto **a = reinterpret_cast<short **>(A);
-    forEachSlot(
-        N, status, [=](std::int64_t k, int i, int j) { d[k] = widen(a[i][j], log); },
-        [=](std::int64_t k, bool second) { d[k] = second ? pad2 : pad; });
-  }
+template <class P>
+void *packTransitionArray(const P &p, void **A, int N, unsigned status) {
+  void *block;
+  auto *d = paddedBlock(p, 0, transEntries(N, status) + kTransSlack, &block);
+  if (d == nullptr) return nullptr;
+  auto **a = reinterpret_cast<typename P::In **>(A);
+  forEachSlot(
+      N, status, [&](std::int64_t k, int i, int j) { d[k] = p.slot(a[i][j]); },
+      [&](std::int64_t k, bool second) { d[k] = second ? p.pad2() : p.pad(); });
   return block;
+}
+
+// XKGetHMMProb's unpacking: the caller's full matrices from the storage.
+template <class P>
+void unpackServer(const P &p, const Server *s, void *pi, void **A, void **B) {
+  using In = typename P::In;
+  using Slot = typename P::Slot;
+  const int N = s->nStates, M = s->nSymbols;
+  if (pi && s->initial)
+    for (int i = 0; i < N; ++i) static_cast<In *>(pi)[i] = p.value(static_cast<const Slot *>(s->initial)[i]);
+  if (A && s->transitions) {
+    auto **a = reinterpret_cast<In **>(A);
+    for (int i = 0; i < N; ++i) std::fill(a[i], a[i] + N, p.none());
+    const auto *t = static_cast<const Slot *>(s->transitions);
+    forEachSlot(N, s->status, [&](std::int64_t k, int i, int j) { a[i][j] = p.value(t[k]); }, [](std::int64_t, bool) {});
+  }
+  if (B && (s->status & HMM_SERVER_DISCRETE) && s->outputs) {
+    auto **rows = static_cast<Slot **>(s->outputs);
+    auto **b = reinterpret_cast<In **>(B);
+    for (int i = 0; i < N; ++i)
+      for (int k = 0; k < M; ++k) b[i][k] = p.value(rows[k][i]);
+  }
 }
 
 // ---- tables and the server list --------------------------------------------
@@ -410,15 +443,15 @@ void XKSetHMMServerParm(int id, int tag, void **A, void **B, void *pi, int nStat
     s->transitions = nullptr;
     status = (status & ~(kTopologyMask | HMM_SERVER_KERNEL_LAYOUT)) | topo;
     if (isFloat(status) && isLog(status) && kernelLayout()) status |= HMM_SERVER_KERNEL_LAYOUT;
-    s->transitions = packTransitionArray(A, N, status);
+    s->transitions = withPacking(status, [&](const auto &p) { return packTransitionArray(p, A, N, status); });
   }
   if (B != nullptr && !cont) {
     kfxFree(s->outputs);
-    s->outputs = packOutputs(B, N, M, status);
+    s->outputs = withPacking(status, [&](const auto &p) { return packOutputs(p, B, N, M); });
   }
   if (pi != nullptr) {
     kfxFree(s->initial);
-    s->initial = packInitial(pi, N, status);
+    s->initial = withPacking(status, [&](const auto &p) { return packInitial(p, pi, N); });
   }
   s->tag = tag;
   s->status = status;
@@ -512,43 +545,7 @@ int XKGetHMMParm(int id, int *nStates, int *nSymbols, int *nQuant, int *param, i
 int XKGetHMMProb(int id, void *pi, void **A, void **B) {
   const Server *s = findServer(id);
   if (s == nullptr) return -1;
-  const int N = s->nStates, M = s->nSymbols;
-  const bool log = isLog(s->status);
-  const bool discrete = (s->status & HMM_SERVER_DISCRETE) != 0;
-  if (isFloat(s->status)) {
-    const float none = log ? kLargest : 0.0f;
-    if (pi && s->initial) std::memcpy(pi, s->initial, static_cast<std::size_t>(N) * sizeof(float));
-    if (A && s->transitions) {
-      auto **a = reinterpret_cast<float **>(A);
-      for (int i = 0; i < N; ++i) std::fill(a[i], a[i] + N, none);
-      const auto *t = static_cast<const float *>(s->transitions);
-      forEachSlot(N, s->status, [=](std::int64_t k, int i, int j) { a[i][j] = t[k]; }, [](std::int64_t, bool) {});
-    }
-    if (B && discrete && s->outputs) {
-      auto **rows = static_cast<float **>(s->outputs);
-      auto **b = reinterpret_cast<float **>(B);
-      for (int i = 0; i < N; ++i)
-        for (int k = 0; k < M; ++k) b[i][k] = rows[k][i];
-    }
-    return 0;
-  }
-  const short none = log ? 32767 : 0;
-  if (pi && s->initial)
-    for (int i = 0; i < N; ++i)
-      static_cast<short *>(pi)[i] = narrow(static_cast<const std::int32_t *>(s->initial)[i], log);
-  if (A && s->transitions) {
-    auto **a = reinterpret_cast<short **>(A);
-    for (int i = 0; i < N; ++i) std::fill(a[i], a[i] + N, none);
-    const auto *t = static_cast<const std::int32_t *>(s->transitions);
-    forEachSlot(N, s->status, [=](std::int64_t k, int i, int j) { a[i][j] = narrow(t[k], log); },
-                [](std::int64_t, bool) {});
-  }
-  if (B && discrete && s->outputs) {
-    auto **rows = static_cast<std::int32_t **>(s->outputs);
-    auto **b = reinterpret_cast<short **>(B);
-    for (int i = 0; i < N; ++i)
-      for (int k = 0; k < M; ++k) b[i][k] = narrow(rows[k][i], log);
-  }
+  withPacking(s->status, [&](const auto &p) { unpackServer(p, s, pi, A, B); });
   return 0;
 }
 
