@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kFrames = 10000, kSymbols = 64;
 
-using xk::hmm::ForwardTopology;
+using xk::hmm::Topology;
 
 // A random row-stochastic model of the topology, in double for the plain
 // loop, and the exponential server the library makes of it.
@@ -30,10 +30,10 @@ struct Model {
   long arcs = 0;
   int id = 0;
 
-  Model(int nStates, ForwardTopology t) : n(nStates), a(n * n), b(n * kSymbols), pi(n) {
+  Model(int nStates, Topology t) : n(nStates), a(n * n), b(n * kSymbols), pi(n) {
     std::mt19937 rng(n);
     std::uniform_real_distribution<double> u(0.05, 1.0);
-    auto arc = [&](int i, int j) { return t == ForwardTopology::General || (j >= i && j <= i + 2); };
+    auto arc = [&](int i, int j) { return t == Topology::General || (j >= i && j <= i + 2); };
     auto normalise = [](double *v, int len) {
       double s = 0;
       for (int k = 0; k < len; ++k) s += v[k];
@@ -65,7 +65,7 @@ void setCounters(benchmark::State &state, double arcsPerFrame) {
       Counter(kFrames * arcsPerFrame, Counter::kIsIterationInvariantRate | Counter::kInvert);
 }
 
-void libraryForward(benchmark::State &state, ForwardTopology t, xk::hmm::ForwardIsa isa) {
+void libraryForward(benchmark::State &state, Topology t, xk::hmm::ForwardIsa isa) {
   const Model md(static_cast<int>(state.range(0)), t);
   xk::hmm::setForwardIsa(isa);
   for (auto _ : state) {
@@ -102,7 +102,7 @@ double plainScaledForward(const Model &md) {
   return -logProb / std::log(10.0);
 }
 
-void plainLoop(benchmark::State &state, ForwardTopology t) {
+void plainLoop(benchmark::State &state, Topology t) {
   const Model md(static_cast<int>(state.range(0)), t);
   for (auto _ : state) benchmark::DoNotOptimize(plainScaledForward(md));
   setCounters(state, static_cast<double>(md.n) * md.n);
@@ -114,16 +114,16 @@ void sizes(benchmark::internal::Benchmark *b) {
 }
 
 using xk::hmm::ForwardIsa;
-BENCHMARK_CAPTURE(libraryForward, general, ForwardTopology::General, ForwardIsa::Auto)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, general_avx512, ForwardTopology::General, ForwardIsa::Avx512)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, general_avx2, ForwardTopology::General, ForwardIsa::Avx2)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, general_portable, ForwardTopology::General, ForwardIsa::Portable)->Apply(sizes);
-BENCHMARK_CAPTURE(plainLoop, general, ForwardTopology::General)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, bakis, ForwardTopology::Bakis, ForwardIsa::Auto)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, bakis_avx512, ForwardTopology::Bakis, ForwardIsa::Avx512)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, bakis_avx2, ForwardTopology::Bakis, ForwardIsa::Avx2)->Apply(sizes);
-BENCHMARK_CAPTURE(libraryForward, bakis_portable, ForwardTopology::Bakis, ForwardIsa::Portable)->Apply(sizes);
-BENCHMARK_CAPTURE(plainLoop, bakis, ForwardTopology::Bakis)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, general, Topology::General, ForwardIsa::Auto)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, general_avx512, Topology::General, ForwardIsa::Avx512)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, general_avx2, Topology::General, ForwardIsa::Avx2)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, general_portable, Topology::General, ForwardIsa::Portable)->Apply(sizes);
+BENCHMARK_CAPTURE(plainLoop, general, Topology::General)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, bakis, Topology::Bakis, ForwardIsa::Auto)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, bakis_avx512, Topology::Bakis, ForwardIsa::Avx512)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, bakis_avx2, Topology::Bakis, ForwardIsa::Avx2)->Apply(sizes);
+BENCHMARK_CAPTURE(libraryForward, bakis_portable, Topology::Bakis, ForwardIsa::Portable)->Apply(sizes);
+BENCHMARK_CAPTURE(plainLoop, bakis, Topology::Bakis)->Apply(sizes);
 
 }  // namespace
 

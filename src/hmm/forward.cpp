@@ -13,12 +13,6 @@ namespace xk::hmm {
 
 namespace {
 
-ForwardTopology topologyOf(unsigned status) {
-  if (status & HMM_SERVER_BAKIS) return ForwardTopology::Bakis;
-  if (status & HMM_SERVER_LEFT_RIGHT) return ForwardTopology::LeftRight;
-  return ForwardTopology::General;
-}
-
 // Scores every float candidate of the wanted flavour in idOrClass with
 // score(view, model, scratch, &result), keeps the most probable and returns
 // its cost (the largest float when nothing was scored or any candidate
@@ -29,33 +23,18 @@ float walkCandidates(int idOrClass, int nFrames, int *bestId, unsigned flavour, 
   if (!bestId) bestId = &dummy;
   *bestId = 0;
   if (!tablesReady() || nFrames <= 0) return kLargest;
-  HmmClass *cls = nullptr;
-  if (idOrClass < 0) {
-    cls = findClass(-idOrClass);
-    if (!cls) return kLargest;
-    classRewind(cls);
-  }
-
   ForwardScratch scratch;
   ForwardScore kept{0.0, INT_MAX};
   double best = kLargest;
-  for (int id = cls ? classNext(cls) : idOrClass; id != 0; id = cls ? classNext(cls) : 0) {
-    ServerView view;
-    if (!getServer(id, &view)) continue;
-    const unsigned wanted = flavour | HMM_SERVER_FLOAT;
-    if ((view.status & wanted) != wanted || view.nStates <= 0) continue;
-    const ForwardTopology topology = topologyOf(view.status);
-    if (!scratch.reserve(topology, view.nStates)) {
-      *bestId = 0;
-      return kLargest;
-    }
+  const unsigned wanted = flavour | HMM_SERVER_FLOAT;
+  const bool walked = forEachCandidate(idOrClass, [&](int id, const ServerView &view) {
+    if ((view.status & wanted) != wanted || view.nStates <= 0) return true;
+    const Topology topology = topologyOf(view.status);
+    if (!scratch.reserve(topology, view.nStates)) return false;
     const ForwardModel model =
         forwardPrepare(topology, view.nStates, static_cast<const float *>(view.transitions), scratch);
     ForwardScore got;
-    if (!score(view, model, scratch, &got)) {
-      *bestId = 0;
-      return kLargest;
-    }
+    if (!score(view, model, scratch, &got)) return false;
     // Fewer scalings mean a larger probability; at equal counts the larger
     // S wins, so of equal members the first (lowest id) stays.
     if (got.scaleCount < kept.scaleCount || (got.scaleCount == kept.scaleCount && got.S > kept.S)) kept = got;
@@ -64,6 +43,11 @@ float walkCandidates(int idOrClass, int nFrames, int *bestId, unsigned flavour, 
       best = cost;
       *bestId = id;
     }
+    return true;
+  });
+  if (!walked) {
+    *bestId = 0;
+    return kLargest;
   }
   return best < kLargest ? static_cast<float>(best) : kLargest;
 }

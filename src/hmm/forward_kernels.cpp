@@ -40,9 +40,9 @@ constexpr std::size_t kAlign = 64;
 
 inline int pad8(int n) { return (n + 7) & ~7; }
 
-std::size_t transitionDoubles(ForwardTopology topology, int nPad) {
+std::size_t transitionDoubles(Topology topology, int nPad) {
   const std::size_t p = static_cast<std::size_t>(nPad);
-  return topology == ForwardTopology::Bakis ? 3 * p : p * p;
+  return topology == Topology::Bakis ? 3 * p : p * p;
 }
 
 // True when S needs neither a check failure nor a rescaling: positive,
@@ -73,7 +73,7 @@ inline double laneSum(const double *v, int nPad) {
 template <class B>
 double stepPortable(const ForwardModel &m, const double *cur, double *next, const B *b) {
   const int n = m.n, nPad = m.nPad;
-  if (m.topology == ForwardTopology::Bakis) {
+  if (m.topology == Topology::Bakis) {
     const double *d0 = m.a, *d1 = m.a + nPad, *d2 = m.a + 2 * nPad;
     for (int j = 0; j < nPad; ++j)
       next[j] = ((cur[j] * d0[j] + cur[j - 1] * d1[j]) + cur[j - 2] * d2[j]) * static_cast<double>(b[j]);
@@ -82,7 +82,7 @@ double stepPortable(const ForwardModel &m, const double *cur, double *next, cons
   // Row by row, so that each target still sums its even and its odd
   // sources apart in ascending order while the inner loop runs over
   // contiguous targets; odd[] is the model's work row.
-  const bool leftRight = m.topology == ForwardTopology::LeftRight;
+  const bool leftRight = m.topology == Topology::LeftRight;
   double *odd = m.work;
   std::fill(next, next + nPad, 0.0);
   std::fill(odd, odd + nPad, 0.0);
@@ -162,7 +162,7 @@ template <class B>
 XKL_AVX2 __attribute__((always_inline)) inline double stepAvx2(const ForwardModel &m, const double *cur, double *next, const B *b) {
   const int n = m.n, nPad = m.nPad;
   __m256d sum[2] = {_mm256_setzero_pd(), _mm256_setzero_pd()};
-  if (m.topology == ForwardTopology::Bakis) {
+  if (m.topology == Topology::Bakis) {
     // cur[j-1..] and cur[j-2..] are built from aligned loads: unaligned
     // ones would split cache lines and, in small models, straddle vectors
     // stored a few cycles before, missing store forwarding on the
@@ -181,7 +181,7 @@ XKL_AVX2 __attribute__((always_inline)) inline double stepAvx2(const ForwardMode
     }
     return horizontalSum(sum);
   }
-  const bool leftRight = m.topology == ForwardTopology::LeftRight;
+  const bool leftRight = m.topology == Topology::LeftRight;
   auto sources = [&](int jEnd) { return leftRight ? std::min(n, jEnd) : n; };
   int jb = 0;
   for (; nPad - jb >= 16; jb += 16) columnBlock<4>(m.a, nPad, cur, sources(jb + 16), jb, next, b, sum);
@@ -290,7 +290,7 @@ XKL_AVX512 __attribute__((always_inline)) inline double stepAvx512(const Forward
                                                                    double *next, const B *b) {
   const int n = m.n, nPad = m.nPad, bEnd = pad4(n);
   __m512d sum = _mm512_setzero_pd();
-  if (m.topology == ForwardTopology::Bakis) {
+  if (m.topology == Topology::Bakis) {
     // cur[j-1..] and cur[j-2..] shifted in from the previous aligned vector
     // (valignq), for the same reason as in the AVX2 step.
     const double *d = m.a;
@@ -309,7 +309,7 @@ XKL_AVX512 __attribute__((always_inline)) inline double stepAvx512(const Forward
     }
     return horizontalSum8(sum);
   }
-  const bool leftRight = m.topology == ForwardTopology::LeftRight;
+  const bool leftRight = m.topology == Topology::LeftRight;
   auto sources = [&](int jEnd) { return leftRight ? std::min(n, jEnd) : n; };
   int jb = 0;
   for (; nPad - jb >= 32; jb += 32) columnBlock8<4>(m.a, nPad, cur, sources(jb + 32), jb, next, b, bEnd, sum);
@@ -363,7 +363,7 @@ XKL_AVX512 bool bakisFramesInRegisters(const ForwardModel &m, int nFrames, doubl
 template <class B, class Row>
 XKL_AVX512 bool framesAvx512(const ForwardModel &m, int nFrames, double *cur, double *next, double S, Row outputsOf,
                              ForwardScore *score) {
-  if (m.topology == ForwardTopology::Bakis) switch (m.nPad) {
+  if (m.topology == Topology::Bakis) switch (m.nPad) {
       case 8: return bakisFramesInRegisters<1, B>(m, nFrames, cur, next, S, outputsOf, score);
       case 16: return bakisFramesInRegisters<2, B>(m, nFrames, cur, next, S, outputsOf, score);
       case 24: return bakisFramesInRegisters<3, B>(m, nFrames, cur, next, S, outputsOf, score);
@@ -425,7 +425,7 @@ double firstFrame(const ForwardModel &m, const float *initial, const B *b, doubl
 // padded to 8): measured on this machine it gains from 10 states and loses
 // up to a quarter below. Bakis models gain at every size (up to 32 states
 // their row stays in registers).
-ForwardIsa stepFor(ForwardTopology topology, int n) {
+ForwardIsa stepFor(Topology topology, int n) {
   const ForwardIsa setting = static_cast<ForwardIsa>(isaSetting.load(std::memory_order_relaxed));
   ForwardIsa best = ForwardIsa::Portable;
 #ifdef XKL_FORWARD_HAVE_AVX2
@@ -433,7 +433,7 @@ ForwardIsa stepFor(ForwardTopology topology, int n) {
   if (cpu.avx2) best = cpu.avx512f ? ForwardIsa::Avx512 : ForwardIsa::Avx2;
 #endif
   if (setting != ForwardIsa::Auto) return std::min(setting, best);
-  if (best == ForwardIsa::Avx512 && topology != ForwardTopology::Bakis && n < 10) return ForwardIsa::Avx2;
+  if (best == ForwardIsa::Avx512 && topology != Topology::Bakis && n < 10) return ForwardIsa::Avx2;
   return best;
 }
 
@@ -449,7 +449,7 @@ ForwardScratch::~ForwardScratch() {
 
 // Laid out for rows of n rounded up to 8, which also hold the rows of a
 // model padded to 4.
-bool ForwardScratch::reserve(ForwardTopology topology, int n) {
+bool ForwardScratch::reserve(Topology topology, int n) {
   const int nPad = pad8(std::max(n, 1));
   const std::size_t rowBytes = static_cast<std::size_t>(kAlphaGuard + nPad) * sizeof(double);
   const std::size_t transBytes = transitionDoubles(topology, nPad) * sizeof(double);
@@ -476,7 +476,7 @@ bool ForwardScratch::reserve(ForwardTopology topology, int n) {
   return true;
 }
 
-ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed, ForwardScratch &scratch) {
+ForwardModel forwardPrepare(Topology topology, int n, const float *packed, ForwardScratch &scratch) {
   ForwardModel m;
   m.topology = topology;
   m.n = n;
@@ -488,15 +488,15 @@ ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed
   const int nPad = m.nPad;
   std::fill_n(a, transitionDoubles(topology, nPad), 0.0);
   switch (topology) {
-    case ForwardTopology::General:
+    case Topology::General:
       for (int i = 0; i < n; ++i)
         for (int j = 0; j < n; ++j) a[std::size_t(i) * nPad + j] = packed[std::size_t(i) * n + j];
       break;
-    case ForwardTopology::LeftRight:
+    case Topology::LeftRight:
       for (int i = 0; i < n; ++i)
         for (int j = i; j < n; ++j) a[std::size_t(i) * nPad + j] = *packed++;
       break;
-    case ForwardTopology::Bakis:
+    case Topology::Bakis:
       // Triples (a[i][i], a[i][i+1], a[i][i+2]) from offset 3i; the tail
       // keeps a[n-1][n-1] at offset 3(n-1).
       for (int j = 0; j < n; ++j) {

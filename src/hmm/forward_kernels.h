@@ -7,11 +7,10 @@
 
 #include <cstddef>
 
+#include "hmm/hmm_internal.h"
 #include "xkl/xk_gauss.h"
 
 namespace xk::hmm {
-
-enum class ForwardTopology { General, LeftRight, Bakis };
 
 // Zero doubles in front of every alpha row, so that the portable Bakis step
 // may read cur[j-1] and cur[j-2] from j = 0; eight keep the rows on 64 bytes.
@@ -29,7 +28,7 @@ enum class ForwardIsa { Portable = 0, Avx2 = 1, Avx512 = 2, Auto = 3 };
 // source does not exist and in the padding). nPad is n rounded up to 4, or
 // to 8 for the AVX-512 step (whole 64-byte rows); isa is the step that runs.
 struct ForwardModel {
-  ForwardTopology topology = ForwardTopology::General;
+  Topology topology = Topology::General;
   ForwardIsa isa = ForwardIsa::Portable;
   int n = 0, nPad = 0;
   const double *a = nullptr;
@@ -57,7 +56,7 @@ class ForwardScratch {
   ~ForwardScratch();
 
   // Lays the block out for a model of n states; false when memory fails.
-  bool reserve(ForwardTopology topology, int n);
+  bool reserve(Topology topology, int n);
 
   double *transitions() const { return trans_; }
   double *alpha(int k) const { return alpha_[k]; }  // k = 0, 1; kAlphaGuard zeros before each
@@ -73,7 +72,7 @@ class ForwardScratch {
 // Widens the exponential packed transitions of an n-state model (row-major
 // general, row-wise left-right, Bakis triples) into scratch.transitions(),
 // for the step setForwardIsa's setting picks for this model.
-ForwardModel forwardPrepare(ForwardTopology topology, int n, const float *packed, ForwardScratch &scratch);
+ForwardModel forwardPrepare(Topology topology, int n, const float *packed, ForwardScratch &scratch);
 
 // The rescaling check after frame t >= 1: false for a negative, zero,
 // subnormal, overflowing or NaN S. Otherwise, when S leaves the exponent

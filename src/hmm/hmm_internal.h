@@ -34,6 +34,7 @@
 //   padded to even).
 #pragma once
 
+#include <climits>
 #include <cstdint>
 
 #include "xkl/xk_hmm.h"
@@ -99,6 +100,30 @@ struct HmmClass;
 HmmClass *findClass(int classId);
 void classRewind(HmmClass *cls);
 int classNext(HmmClass *cls);
+
+// The topology a server's status records.
+enum class Topology { General, LeftRight, Bakis };
+inline Topology topologyOf(unsigned status) {
+  if (status & HMM_SERVER_BAKIS) return Topology::Bakis;
+  if (status & HMM_SERVER_LEFT_RIGHT) return Topology::LeftRight;
+  return Topology::General;
+}
+
+// The evaluators' walk: score(id, view) for server idOrClass (> 0), or for
+// every member of class -idOrClass in ascending id order; score returns
+// false to stop. False for an unknown class or a stopped walk.
+template <class Score>
+bool forEachCandidate(int idOrClass, Score &&score) {
+  ServerView view;
+  if (idOrClass > 0) return !getServer(idOrClass, &view) || score(idOrClass, view);
+  if (idOrClass == INT_MIN) return false;
+  HmmClass *cls = findClass(-idOrClass);
+  if (cls == nullptr) return false;
+  classRewind(cls);
+  for (int id = classNext(cls); id != 0; id = classNext(cls))
+    if (getServer(id, &view) && !score(id, view)) return false;
+  return true;
+}
 
 // The thread's fast-kernel switch (on unless a test turns it off): float
 // logarithmic servers made while it is on carry HMM_SERVER_KERNEL_LAYOUT.

@@ -65,23 +65,6 @@ class Scratch {
   int capacity_ = 0, stride_ = 0;
 };
 
-// Calls score(id, view) for server idOrClass (> 0) or for every member of
-// class -idOrClass in ascending id order; score returns false to stop the
-// walk. False for an unknown class or a stopped walk.
-template <class Score>
-bool forEachCandidate(int idOrClass, Score &&score) {
-  ServerView view;
-  if (idOrClass > 0) return !getServer(idOrClass, &view) || score(idOrClass, view);
-  if (idOrClass == INT_MIN) return false;
-  HmmClass *cls = findClass(-idOrClass);
-  if (cls == nullptr) return false;
-  classRewind(cls);
-  for (int id = classNext(cls); id != 0; id = classNext(cls)) {
-    if (getServer(id, &view) && !score(id, view)) return false;
-  }
-  return true;
-}
-
 // The best cost so far; an equal cost from a later candidate takes over.
 template <class T>
 struct Best {

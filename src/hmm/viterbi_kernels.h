@@ -19,17 +19,9 @@
 
 namespace xk::hmm {
 
-enum class Topology { General, LeftRight, Bakis };
-
 inline constexpr int kRowGuard = 8;
 inline int pad8(int n) { return (n + 7) & ~7; }
 inline int rowStride(int n) { return pad8(n) + 2 * kRowGuard; }
-
-inline Topology topologyOf(unsigned status) {
-  if (status & HMM_SERVER_BAKIS) return Topology::Bakis;
-  if (status & HMM_SERVER_LEFT_RIGHT) return Topology::LeftRight;
-  return Topology::General;
-}
 
 // One candidate as the kernels see it: its packed transitions, initial
 // costs (padded as the store pads them) and shape. T is float or the

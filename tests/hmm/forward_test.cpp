@@ -18,9 +18,9 @@
 
 namespace {
 
-using xk::hmm::ForwardTopology;
+using xk::hmm::Topology;
 constexpr float kBig = std::numeric_limits<float>::max();
-const ForwardTopology kTopologies[] = {ForwardTopology::General, ForwardTopology::LeftRight, ForwardTopology::Bakis};
+const Topology kTopologies[] = {Topology::General, Topology::LeftRight, Topology::Bakis};
 const int kTopologyBits[] = {0, HMM_SERVER_LEFT_RIGHT, HMM_SERVER_BAKIS};
 
 struct HmmForward : xkltest::ReportingTest {
@@ -38,7 +38,7 @@ struct Model {
   std::vector<double> pi;
 };
 
-Model randomModel(ForwardTopology t, int n, int m, std::mt19937 &rng) {
+Model randomModel(Topology t, int n, int m, std::mt19937 &rng) {
   std::uniform_real_distribution<double> u(0.05, 1.0);
   Model md{n, m, std::vector(n, std::vector(n, 0.0)), std::vector(n, std::vector(m, 0.0)), std::vector(n, 0.0)};
   auto normalise = [](std::vector<double> &row) {
@@ -48,7 +48,7 @@ Model randomModel(ForwardTopology t, int n, int m, std::mt19937 &rng) {
   };
   for (int i = 0; i < n; ++i) {
     for (int j = 0; j < n; ++j)
-      if (t == ForwardTopology::General || (j >= i && (t == ForwardTopology::LeftRight || j <= i + 2)))
+      if (t == Topology::General || (j >= i && (t == Topology::LeftRight || j <= i + 2)))
         md.a[i][j] = u(rng);
     for (double &v : md.b[i]) v = u(rng);
     md.pi[i] = u(rng);
@@ -86,9 +86,9 @@ int topologyBits(int id) {
 bool kernelScore(int id, const std::vector<int> &obs, xk::hmm::ForwardScore *score) {
   xk::hmm::ServerView v;
   EXPECT_TRUE(xk::hmm::getServer(id, &v));
-  const ForwardTopology t = (v.status & HMM_SERVER_BAKIS)        ? ForwardTopology::Bakis
-                            : (v.status & HMM_SERVER_LEFT_RIGHT) ? ForwardTopology::LeftRight
-                                                                 : ForwardTopology::General;
+  const Topology t = (v.status & HMM_SERVER_BAKIS)        ? Topology::Bakis
+                            : (v.status & HMM_SERVER_LEFT_RIGHT) ? Topology::LeftRight
+                                                                 : Topology::General;
   xk::hmm::ForwardScratch scratch;
   EXPECT_TRUE(scratch.reserve(t, v.nStates));
   const auto model = xk::hmm::forwardPrepare(t, v.nStates, static_cast<const float *>(v.transitions), scratch);
@@ -154,7 +154,7 @@ std::vector<int> randomObs(int T, int m, std::mt19937 &rng) {
 TEST_F(HmmForward, TinyModelsEqualPathEnumeration) {
   std::mt19937 rng(7);
   for (int k = 0; k < 3; ++k)
-    for (int n = kTopologies[k] == ForwardTopology::Bakis ? 3 : 1; n <= 4; ++n)
+    for (int n = kTopologies[k] == Topology::Bakis ? 3 : 1; n <= 4; ++n)
       for (int T = 1; T <= 6; ++T) {
         const Model md = randomModel(kTopologies[k], n, 5, rng);
         const auto obs = randomObs(T, 5, rng);
@@ -184,7 +184,7 @@ TEST_F(HmmForward, LargeModelsEqualLogSpaceAndPathsAgree) {
   std::vector<int> sizes;
   for (int n = 1; n <= 40; ++n) sizes.push_back(n);
   sizes.insert(sizes.end(), {64, 128});
-  for (ForwardTopology topo : kTopologies)
+  for (Topology topo : kTopologies)
     for (int n : sizes) {
       const Model md = randomModel(topo, n, 16, rng);
       const int id = makeServer(md);
@@ -231,7 +231,7 @@ TEST_F(HmmForward, FailingSums) {
       {"NaN", std::numeric_limits<double>::quiet_NaN(), 1}, {"symbol out of range", 0.5, 4},
   };
   for (const auto &c : cases) {
-    Model md = randomModel(ForwardTopology::General, 3, 4, rng);
+    Model md = randomModel(Topology::General, 3, 4, rng);
     for (int j = 0; j < 3; ++j) md.b[j][1] = c.value;
     const int id = makeServer(md), obs[] = {0, 2, c.symbol, 0};
     int best = -1;
@@ -270,7 +270,7 @@ TEST_F(HmmForward, ContinuousServerEqualsPathEnumeration) {
   constexpr int kN = 3, kDim = 2, kMix = 2, kT = 5;
   std::mt19937 rng(17);
   std::uniform_real_distribution<float> u(-1.0f, 1.0f), pos(0.5f, 2.0f);
-  const Model md = randomModel(ForwardTopology::General, kN, 1, rng);
+  const Model md = randomModel(Topology::General, kN, 1, rng);
   float w[kMix] = {0.7f, 0.3f}, mu[kN][kMix][kDim], iv[kN][kMix][kDim];
   std::vector<mixture_description *> mix;
   for (int j = 0; j < kN; ++j) {
@@ -313,12 +313,12 @@ TEST_F(HmmForward, ContinuousServerEqualsPathEnumeration) {
 // the whole call.
 TEST_F(HmmForward, ClassRules) {
   std::mt19937 rng(19);
-  const Model base = randomModel(ForwardTopology::General, 3, 4, rng);
+  const Model base = randomModel(Topology::General, 3, 4, rng);
   Model better = base, dead = base;
   for (int j = 0; j < 3; ++j) better.b[j][2] = 1.0, dead.b[j][2] = 0.0;  // symbol 2: certain / impossible
   const int obs[] = {0, 2, 1, 2, 3}, T = 5;
   const int a = makeServer(base), b = makeServer(base), c = makeServer(better), d = makeServer(dead);
-  const int e = makeServer(randomModel(ForwardTopology::Bakis, 40, 4, rng));  // the scratch grows for it
+  const int e = makeServer(randomModel(Topology::Bakis, 40, 4, rng));  // the scratch grows for it
   const int ae = XKsEvalHMMForward(a, obs, T, nullptr) < XKsEvalHMMForward(e, obs, T, nullptr) ? a : e;
   const struct { std::vector<int> members; int winner; } cases[] = {
       {{b, a}, a}, {{a, c}, c}, {{a, e}, ae}, {{a, d, c}, 0}};
