@@ -78,15 +78,10 @@ int refIntOrder(const std::vector<Int> &v) {
 // the family, on purpose). Sources are doubles, float-exact for float forms.
 enum Form { SWB, DWB, SIB, DIB, SW, DW, SI, DI };
 const struct { const char *name; bool isDouble, is32, scalar; int upper, lower; } kForms[] = {
-    {"XKswbConvertDown", false, false, false, 128, -125},
-    {"XKdwbConvertDown", true, false, false, 128, -125},
-    {"XKsibConvertDown", false, true, false, 1024, -1021},
-    {"XKdibConvertDown", true, true, false, 1024, -1021},
-    {"XKswConvertDown", false, false, true, 128, -125},
-    {"XKdwConvertDown", true, false, true, 1024, -1021},
-    {"XKsiConvertDown", false, true, true, 128, -125},
-    {"XKdiConvertDown", true, true, true, 128, -125},
-};
+    {"XKswbConvertDown", false, false, false, 128, -125}, {"XKdwbConvertDown", true, false, false, 128, -125},
+    {"XKsibConvertDown", false, true, false, 1024, -1021}, {"XKdibConvertDown", true, true, false, 1024, -1021},
+    {"XKswConvertDown", false, false, true, 128, -125},    {"XKdwConvertDown", true, false, true, 1024, -1021},
+    {"XKsiConvertDown", false, true, true, 128, -125},     {"XKdiConvertDown", true, true, true, 128, -125}};
 
 // Scalar forms convert each element from the same scale, keeping the last. The
 // block forms return their final scale (a choice where undefined); scalar: copy.
