@@ -30,12 +30,12 @@ std::vector<float> weightsOf(const XKMFCCFilters *f, int i) {
 // 16 bins of 1000 Hz (15000 / (16 - 1)) on mel(f) = 1e9 ln(1 + f / 1e9),
 // linear to 1e-5 Hz here, so every edge is a hand-computed frequency.
 TEST_F(MelFilters, HandComputedBanks) {
-  const struct {
+  struct {
     const char *name;
     int nf, lo, hi, nLin, linF, nFixed, fixedLen, firstBin, lastBin;
     std::vector<int> dis;
     std::vector<std::vector<double>> w;
-  } banks[] = {
+  } const banks[] = {
       // One filter 0..8500 peaking at 4250: (0,1,2,3,4,3.5,2.5,1.5,0.5) / 18.
       {"one filter", 1, 0, 8500, 0, 0, 0, 0, 0, 8, {0},
        {{0, 1 / 18., 2 / 18., 3 / 18., 4 / 18., 3.5 / 18., 2.5 / 18., 1.5 / 18., 0.5 / 18.}}},

@@ -174,10 +174,10 @@ TEST_F(KfxwFft, ScaleModes) {
     }
     const Frame x = randomFrame(32, 3000, 77);
     for (int shift : {0, 1, 3, 9, 40, -1, -3}) {
-      int factor = shift;  // only read
+      int factor = shift;
       expectMatches(run(x, 5, KFX_Forward | kPack | alg, KFX_FIXED_SCALE, &factor), dft(x, false, true), shift,
                     alg == kFlt, 1, 0.05);
-      EXPECT_EQ(factor, shift);
+      EXPECT_EQ(factor, shift);  // only read
     }
     EXPECT_EQ(run(x, 5, KFX_Forward | kPack | alg, KFX_FIXED_SCALE), run(x, 5, KFX_Forward | kPack | alg, 1));
   }
