@@ -152,8 +152,7 @@ TEST_F(Lpc, ZeroOfAReportsThroughTheKernelAndDoesNotStick) {
   const float a1 = 1.0f, a2 = 0.5f;  // A = 1 - e^{-iw}: zero at w = 0
   std::vector<float> s(8);
   XKsLPSpectrum(&a1, 1, s.data(), 3, 1.0f);
-  EXPECT_EQ(kfxGetStatus(), KFX_StsBadArg);
-  EXPECT_STREQ(kfxGetErrorReport()->message, "zero element and zero thresh");
+  EXPECT_EQ(std::to_string(kfxGetStatus()) + " " + kfxGetErrorReport()->message, "-5 zero element and zero thresh");
   XKsLPSpectrum(&a2, 1, s.data(), 3, 1.0f);
   EXPECT_EQ(kfxGetStatus(), 0);
   EXPECT_FLOAT_EQ(s[0], 2.0f);

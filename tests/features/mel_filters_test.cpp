@@ -109,7 +109,7 @@ TEST_F(MelFilters, SixteenBitInitReportsStandingFailure) {
   EXPECT_EQ(XKwMFCCInit(8, 16, 0, 4000, 8000, 0, 0), nullptr);
   ASSERT_EQ(xkltest::reports().size(), 1u);
   const auto &r = xkltest::reports()[0];
-  EXPECT_EQ(std::make_tuple(r.status, r.func, r.context, r.file),
+  EXPECT_EQ(std::tie(r.status, r.func, r.context, r.file),
             std::make_tuple(XK_StsBackTrace, std::string("XKwMFCCInit"), std::string(""), std::string("XK_CEPS")));
 }
 

@@ -114,10 +114,9 @@ TEST_F(Mfcc, SixteenBitFormFollowsFloatForm) {
     const auto x = featref::speechLike(4000, 7, 8000.0);
     pcm.assign(x.begin(), x.end());
   }
-  struct {
-    int nf, flags, outMode, inScale;
-  } const cases[] = {{23, 5, 2, 0},  {16, 5, 2, -2}, {23, 21, 2, 0}, {16, 21, 1, 0},
-                     {23, 13, 2, 0}, {23, 5, 3, 0},  {16, 29, 2, 1}, {23, 21, 3, 0}};
+  const struct { int nf, flags, outMode, inScale; } cases[] = {{23, 5, 2, 0},  {16, 5, 2, -2}, {23, 21, 2, 0},
+                                                               {16, 21, 1, 0}, {23, 13, 2, 0}, {23, 5, 3, 0},
+                                                               {16, 29, 2, 1}, {23, 21, 3, 0}};
   const int order = 8, n = 256;
   for (const auto &c : cases) {
     SCOPED_TRACE(testing::Message() << "nf=" << c.nf << " flags=" << c.flags << " outMode=" << c.outMode);
@@ -168,8 +167,7 @@ TEST_F(Mfcc, StaleKernelFailureDoesNotLeakIntoLaterCalls) {
   ASSERT_EQ(XKsCepstralMFCC(f, x.data(), a.data(), 12, 1e-3f, 5), 0);
   kfxSetStatus(KFX_StsBadArg);
   EXPECT_EQ(XKsCepstralMFCC(f, x.data(), b.data(), 12, 1e-3f, 5), 0);
-  EXPECT_EQ(a, b);
-  EXPECT_TRUE(xkltest::reports().empty());
+  EXPECT_TRUE(a == b && xkltest::reports().empty());
   XKsFreeMFCCFilters(f);
 }
 

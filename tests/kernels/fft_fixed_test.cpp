@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -205,9 +206,8 @@ TEST_F(KfxwFft, ArgumentErrorsReportTheirMessageAndLeaveTheOutputUntouched) {
     inPlace ? kfxwRealFftl(nullIn ? nullptr : in.data(), order, flags, mode, f)
             : kfxwRealFftlNip(nullIn ? nullptr : in.data(), nullOut ? nullptr : out.data(), order, flags, mode, f);
     const KFXErrorReport *r = kfxGetErrorReport();
-    EXPECT_STREQ(r->message, message);
-    EXPECT_STREQ(r->funcName, inPlace ? "kfxwRealFftl" : "kfxwRealFftlNip");
-    EXPECT_STREQ(r->file, "kfxfftw");
+    EXPECT_EQ(std::string(r->funcName) + " " + r->file + " " + r->message,
+              std::string(inPlace ? "kfxwRealFftl" : "kfxwRealFftlNip") + " kfxfftw " + message);
     EXPECT_TRUE(kfxGetStatus() == KFX_StsBadArg && r->status == KFX_StsBadArg && in == Frame(512, 5) &&
                 out == Frame(512, 77) && factor == 3);
     kfxSetStatus(KFX_StsOk);
@@ -235,8 +235,7 @@ TEST_F(KfxwFft, InitFreeAndAllocationFailures) {
   kfx::fftw::failIntAllocations(0);
   kfx::fft::failTableAllocations(-1);  // float algorithm: the float tables cannot be built
   EXPECT_EQ(run(x, 9, KFX_Forward | kPerm), untouched);
-  EXPECT_EQ(kfxGetStatus(), KFX_StsBackTrace);
-  EXPECT_STREQ(kfxGetErrorReport()->message, "out kfxsRealFftl KFX_Init");
+  EXPECT_EQ(std::to_string(kfxGetStatus()) + " " + kfxGetErrorReport()->message, "-1 out kfxsRealFftl KFX_Init");
   kfxSetStatus(KFX_StsOk);
 }
 
@@ -249,8 +248,8 @@ TEST_F(KfxwFft, VectorisedIntegerStagesEqualPortable) {
         kfx::setSimdEnabled(false);
         const Frame portable = run(x, order, flags | kInt, KFX_AUTO_SCALE, &portableFactor);
         kfx::setSimdEnabled(true);
-        EXPECT_EQ(run(x, order, flags | kInt, KFX_AUTO_SCALE, &factor), portable) << order << " " << flags;
-        EXPECT_EQ(factor, portableFactor);
+        EXPECT_TRUE(run(x, order, flags | kInt, KFX_AUTO_SCALE, &factor) == portable && factor == portableFactor)
+            << order << " " << flags;
       }
 }
 
