@@ -56,8 +56,7 @@ int makeServer(const Model &md, std::vector<GaussMixServer *> *mix = nullptr) {
 
 // The kernels' exact result for a discrete server.
 bool kernelScore(int id, const std::vector<int> &obs, xk::hmm::ForwardScore *score) {
-  xk::hmm::ServerView v;
-  EXPECT_TRUE(xk::hmm::getServer(id, &v));
+  const xk::hmm::ServerView v = viewOf(id);
   const auto t = static_cast<ForwardTopology>(xk::hmm::topologyOf(v.status));
   xk::hmm::ForwardScratch scratch;
   EXPECT_TRUE(scratch.reserve(t, v.nStates));

@@ -31,6 +31,24 @@ struct Rows {
   T &operator()(int i, int j) { return data[i][j]; }
 };
 
+// The public creators of discrete servers, by element type.
+inline int init(float **a, float **b, float *pi, int n, int m, int f) { return XKsInitHMMServer(a, b, pi, n, m, f); }
+inline int init(short **a, short **b, short *pi, int n, int m, int f) { return XKwInitHMMServer(a, b, pi, n, m, f); }
+
+// A server's internal view.
+inline xk::hmm::ServerView viewOf(int id) {
+  xk::hmm::ServerView v;
+  EXPECT_TRUE(xk::hmm::getServer(id, &v));
+  return v;
+}
+
+// A server's status word (0 for an unknown id).
+inline unsigned statusOf(int id) {
+  int status = 0;
+  XKGetHMMParm(id, nullptr, nullptr, nullptr, nullptr, &status);
+  return static_cast<unsigned>(status);
+}
+
 // Topologies 0 general, 1 left-right (j >= i), 2 Bakis (i <= j <= i + 2).
 inline bool allowed(int topo, int i, int j) { return topo == 0 || (j >= i && (topo == 1 || j <= i + 2)); }
 

@@ -109,13 +109,8 @@ double recursion(const Lattice &l) {
 template <class T>
 int create(Hmm<T> &h) {
   Rows<T> a(h.a), b(h.b);
-  int id, status = 0;
-  if constexpr (std::is_same_v<T, float>)
-    id = XKsInitHMMServer(a.p(), b.p(), h.pi.data(), h.n, h.m, XK_HMM_LOGARITHMIC);
-  else
-    id = XKwInitHMMServer(a.p(), b.p(), h.pi.data(), h.n, h.m, XK_HMM_LOGARITHMIC);
-  XKGetHMMParm(id, nullptr, nullptr, nullptr, nullptr, &status);
-  h.topology = xk::hmm::topologyOf(static_cast<unsigned>(status));
+  const int id = init(a.p(), b.p(), h.pi.data(), h.n, h.m, XK_HMM_LOGARITHMIC);
+  h.topology = xk::hmm::topologyOf(statusOf(id));
   return id;
 }
 
