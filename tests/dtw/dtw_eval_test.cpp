@@ -140,14 +140,6 @@ class DtwEval : public xkltest::ReportingTest {
   }
 };
 
-double floatReference(Matrix &test, Matrix &ref, int D, int flags, double T) {
-  const int N = static_cast<int>(test.size()), M = static_cast<int>(ref.size());
-  const int dim = static_cast<int>(test[0].size());
-  return referenceScore<FloatCells>(N, M, std::min(D, M - 1), T, [&](int i, int j) {
-    return static_cast<float>(kfxsNorm(test[i].data(), ref[j].data(), dim, flags & 128 ? KFX_L1 : KFX_L2));
-  });
-}
-
 // Random tests and patterns with lengths around both admission bounds,
 // every flag combination, thresholds that prune some patterns, both kernels.
 TEST_F(DtwEval, FloatScoresEqualTheFullMatrixReference) {
@@ -181,7 +173,12 @@ TEST_F(DtwEval, FloatScoresEqualTheFullMatrixReference) {
               const int M = static_cast<int>(refs[p].size());
               const int D = flags & 1 ? 0 : std::abs(delta);
               const bool in = M >= lo && M <= 2 * N - 1 + D;
-              const double want = in ? floatReference(test, refs[p], D, flags, flags & 64 ? T : 3.4e38) : 3.4e38;
+              double want = 3.4e38;
+              if (in)
+                want = referenceScore<FloatCells>(N, M, std::min(D, M - 1), T, [&](int i, int j) {
+                  const int norm = flags & 128 ? KFX_L1 : KFX_L2;
+                  return static_cast<float>(kfxsNorm(test[i].data(), refs[p][j].data(), dim, norm));
+                });
               EXPECT_EQ(scores[p], want) << "N " << N << " M " << M << " delta " << delta << " flags " << flags
                                          << " coarse " << coarse << " isa " << static_cast<int>(isa);
               ties += in && want == bestScore;
@@ -275,9 +272,9 @@ TEST_F(DtwEval, IntegerPathEqualsItsReference) {
             int want = 0x7FFFFFFF;
             if (M >= (N - 1) / 2 + 1 && M <= 2 * N - 1 + D)
               want = referenceScore<IntCells>(N, M, std::min(D, M - 1), T, [&](int i, int j) {
-                int f = factor;
-                return static_cast<int32_t>(kfxwNormExt(test[i].data(), ref[j].data(), dim, flags & 128 ? KFX_L1 : KFX_L2,
-                                                        scaleMode == 1 ? KFX_FIXED_SCALE : 0, &f));
+                int f = factor, norm = flags & 128 ? KFX_L1 : KFX_L2;
+                return static_cast<int32_t>(
+                    kfxwNormExt(test[i].data(), ref[j].data(), dim, norm, scaleMode == 1 ? KFX_FIXED_SCALE : 0, &f));
               });
             EXPECT_EQ(scores[p], want) << "N " << N << " M " << M << " flags " << flags << " mode " << scaleMode
                                        << " isa " << static_cast<int>(isa);
